@@ -1,0 +1,151 @@
+#include "BLEManager.h"
+
+#include "AddressLookup.h"
+#include "DefaultLog.h"
+
+namespace {
+
+constexpr int maximumReconnects = 3;
+
+} // namespace
+
+void BLEManager::connectToDevice(const QString &macAddr)
+{
+    if (!m_deviceInfoMap.contains(macAddr)) {
+        qCDebug(defaultLog) << QStringLiteral("connectToDevice() error, device unsupported, "
+                                              "mac address: %1")
+                                       .arg(macAddr);
+        return;
+    }
+    const QBluetoothDeviceInfo info = m_deviceInfoMap.value(macAddr);
+    if (QLowEnergyController *replaced = m_controllerMap.take(macAddr))
+        replaced->deleteLater();
+
+    QLowEnergyController *controller = QLowEnergyController::createCentral(info, this);
+    m_controllerMap.insert(macAddr, controller);
+
+    connect(controller, &QLowEnergyController::connected, this, &BLEManager::slotDeviceConnected);
+    connect(controller, &QLowEnergyController::disconnected, this,
+            &BLEManager::slotDeviceDisconnected);
+    connect(controller, &QLowEnergyController::serviceDiscovered, this,
+            &BLEManager::slotServiceDiscovered);
+    connect(controller, &QLowEnergyController::errorOccurred, this,
+            &BLEManager::slotControllerErrOccurred);
+    connect(controller, &QObject::destroyed, this,
+            [controller, this] { QObject::disconnect(controller, nullptr, this, nullptr); });
+    connect(controller, &QLowEnergyController::stateChanged, this,
+            [](QLowEnergyController::ControllerState state) {
+                qCDebug(defaultLog) << "BLEManager::slotControllerState" << state;
+            });
+    connect(controller, &QLowEnergyController::discoveryFinished, this,
+            [] { qCDebug(defaultLog) << "BLEManager::slotDiscoveryFinished"; });
+
+    // May fail, and so release the controller, before it returns.
+    controller->connectToDevice();
+}
+
+void BLEManager::disconnectFromDevice(const QString &macAddr)
+{
+    if (QLowEnergyController *controller = m_controllerMap.value(macAddr))
+        controller->disconnectFromDevice();
+}
+
+void BLEManager::slotDeviceConnected()
+{
+    qCDebug(defaultLog) << "[BLEManager::slotDeviceConnected] enter...";
+    auto *controller = qobject_cast<QLowEnergyController *>(sender());
+    if (!controller) {
+        qCDebug(defaultLog) << "[BLEManager::slotDeviceConnected] nullptr == controller";
+        return;
+    }
+    controller->discoverServices();
+}
+
+QString BLEManager::senderAddress() const
+{
+    const auto *controller = qobject_cast<QLowEnergyController *>(sender());
+    return addressOf(m_controllerMap, controller).value_or(QString());
+}
+
+void BLEManager::slotDeviceDisconnected()
+{
+    const QString macAddr = senderAddress();
+    qCDebug(defaultLog) << "BLEManager::slotDeviceDisconnected, macAddr:" << macAddr;
+    doDeviceDisconnected(macAddr, true);
+}
+
+void BLEManager::doDeviceDisconnected(const QString &macAddr, bool notify)
+{
+    qCDebug(defaultLog) << "[BLEManager::doDeviceDisconnected]" << macAddr;
+    // A controller that was released already reports its disconnection late, and for nobody.
+    if (macAddr.isEmpty())
+        return;
+
+    // Always later: this may run inside one of the controller's own signals.
+    if (QLowEnergyController *controller = m_controllerMap.take(macAddr))
+        controller->deleteLater();
+    m_serviceMap.remove(macAddr);
+    m_authServiceMap.remove(macAddr);
+    m_characteristicsMap.remove(macAddr);
+    m_authCharacteristicsMap.remove(macAddr);
+
+    if (notify)
+        emit sigDeviceDisconnected(macAddr);
+
+    qCDebug(defaultLog) << "[BLEManager::doDeviceDisconnected] m_reconnectDevMap ="
+                        << m_reconnectDevMap;
+    const auto episode = m_reconnectDevMap.find(macAddr);
+    if (episode == m_reconnectDevMap.end())
+        return;
+    if (*episode >= maximumReconnects) {
+        m_reconnectDevMap.erase(episode);
+        return;
+    }
+    ++*episode;
+    qCDebug(defaultLog) << "[BLEManager::doDeviceDisconnected], auto reconnect num: " << *episode;
+    connectToDevice(macAddr);
+}
+
+void BLEManager::slotControllerErrOccurred(QLowEnergyController::Error error)
+{
+    auto *controller = qobject_cast<QLowEnergyController *>(sender());
+    const QString macAddr = senderAddress();
+    qCDebug(defaultLog) << "controller connect error with device: " << macAddr << ", " << error;
+
+    switch (error) {
+    case QLowEnergyController::InvalidBluetoothAdapterError:
+    case QLowEnergyController::ConnectionError:
+    case QLowEnergyController::RemoteHostClosedError:
+        if (!m_reconnectDevMap.contains(macAddr))
+            m_reconnectDevMap.insert(macAddr, 0);
+        if (controller)
+            controller->disconnectFromDevice();
+        // Without an adapter no disconnection is ever reported; else it leads to the clean-up.
+        if (error == QLowEnergyController::InvalidBluetoothAdapterError)
+            doDeviceDisconnected(macAddr, true);
+        break;
+    default:
+        m_reconnectDevMap.remove(macAddr);
+        break;
+    }
+}
+
+bool BLEManager::reconnectDevice(const QString &macAddr)
+{
+    if (m_reconnectDevMap.contains(macAddr))
+        return true;
+    if (m_deviceInfoMap.contains(macAddr)) {
+        connectToDevice(macAddr);
+        return true;
+    }
+    start();
+    return false;
+}
+
+void BLEManager::removeDevice(const QString &macAddr)
+{
+    m_reconnectDevMap.remove(macAddr);
+    disconnectFromDevice(macAddr);
+    m_deviceInfoMap.remove(macAddr);
+    m_devProtocolTypeHash.remove(macAddr);
+}

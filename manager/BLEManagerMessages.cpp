@@ -1,0 +1,95 @@
+#include "BLEManager.h"
+
+#include "AddressLookup.h"
+#include "DefaultLog.h"
+#include "WriteMode.h"
+
+void BLEManager::sendMessage(const QString &macAddr, const QByteArray &data)
+{
+    // Silent on purpose: hosts send to lights that are just going or not ready yet.
+    const auto service = m_serviceMap.constFind(macAddr);
+    const auto bound = m_characteristicsMap.constFind(macAddr);
+    if (service == m_serviceMap.cend() || bound == m_characteristicsMap.cend())
+        return;
+    if (!*service) {
+        qCDebug(defaultLog) << "[BLEManager::sendMessage] service empty. mac address:" << macAddr;
+        return;
+    }
+    // A copy: a write can fail at once, and the clean-up then empties the tables.
+    const QLowEnergyCharacteristic characteristic = *bound;
+    if (!characteristic.isValid()) {
+        qCDebug(defaultLog) << "[BLEManager::sendMessage] characteristic faild. mac address:"
+                            << macAddr;
+        return;
+    }
+    const auto mode = writeModeFor(characteristic.properties());
+    if (!mode)
+        return;
+    (*service)->writeCharacteristic(characteristic, data, *mode);
+    qCDebug(defaultLog) << "[BLEManager::sendMessage] macAddr:" << macAddr
+                        << ", data:" << data.toHex() << ", characteristic uuid:"
+                        << characteristic.uuid().toString(QUuid::WithBraces);
+}
+
+void BLEManager::checkAndSendAuthMsg(const QString &macAddr)
+{
+    qCDebug(defaultLog) << "[BLEManager::checkAndSendAuthMsg] send auth msg.  mac addr:" << macAddr;
+    sendAuthMessage(macAddr, QByteArray(1, '\x5C'));
+}
+
+void BLEManager::sendAuthMessage(const QString &macAddr, const QByteArray &data)
+{
+    const auto service = m_authServiceMap.constFind(macAddr);
+    if (service == m_authServiceMap.cend()) {
+        qCDebug(defaultLog) << "[BLEManager::sendAuthMessage] not found address.  address:"
+                            << macAddr;
+        return;
+    }
+    if (!*service) {
+        qCDebug(defaultLog) << "[BLEManager::sendAuthMessage] not found authService.  address:"
+                            << macAddr;
+        return;
+    }
+    const auto bound = m_authCharacteristicsMap.constFind(macAddr);
+    if (bound == m_authCharacteristicsMap.cend()) {
+        qCDebug(defaultLog) << "[BLEManager::sendAuthMessage] not contains characteristics. "
+                               "address:"
+                            << macAddr;
+        return;
+    }
+    const QLowEnergyCharacteristic characteristic = *bound;
+    if (!characteristic.isValid()) {
+        qCDebug(defaultLog) << "[BLEManager::sendAuthMessage] authCharacteristic not valid. "
+                               "address:"
+                            << macAddr;
+        return;
+    }
+    const auto mode = writeModeFor(characteristic.properties());
+    if (!mode)
+        return;
+    (*service)->writeCharacteristic(characteristic, data, *mode);
+    qCDebug(defaultLog) << "[BLEManager::sendAuthMessage] macAddr:" << macAddr
+                        << ", data:" << data.toHex()
+                        << ", authCharacteristic uuid:" << characteristic.uuid();
+}
+
+void BLEManager::slotCharacteristicChanged(const QLowEnergyCharacteristic &characteristic,
+                                           const QByteArray &value)
+{
+    if (value.isEmpty())
+        return;
+    const auto *service = qobject_cast<QLowEnergyService *>(sender());
+    if (!service) {
+        qCDebug(defaultLog) << "[BLEManager::slotCharacteristicChanged] qobject_cast fail.";
+        return;
+    }
+    const auto macAddr = addressOf(m_serviceMap, service);
+    if (!macAddr) {
+        qCDebug(defaultLog)
+                << "[BLEManager::slotCharacteristicChanged] m_characteristicsMap not found";
+        return;
+    }
+    qCDebug(defaultLog) << "Received data:" << value.toHex() << ", macAddr:" << *macAddr
+                        << ", Characteristic.uuid:" << characteristic.uuid();
+    emit sigMessageReceived(*macAddr, value);
+}

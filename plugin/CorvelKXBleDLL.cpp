@@ -1,0 +1,140 @@
+#include "CorvelKXBleDLL.h"
+
+#include "BLEManager.h"
+#include "DefaultLog.h"
+
+#include <QDeadlineTimer>
+#include <QThread>
+
+CorvelKXBleDLL::CorvelKXBleDLL()
+    : m_bleMgr(new BLEManager(nullptr)), m_bleThread(new QThread(nullptr))
+{
+    m_bleMgr->moveToThread(m_bleThread);
+    connect(m_bleThread, &QThread::finished, m_bleMgr, &QObject::deleteLater);
+
+    connect(m_bleMgr, &BLEManager::sigDeviceDiscovered, this,
+            &CorvelKXBleDLL::slotDeviceDiscovered);
+    connect(m_bleMgr, &BLEManager::sigDeviceDiscoveredErrorOccurred, this,
+            &CorvelKXBleDLL::slotDeviceDiscoveredErrorOccurred);
+    connect(m_bleMgr, &BLEManager::sigDeviceDiscoveredFinished, this,
+            &CorvelKXBleDLL::slotDeviceDiscvoeredFinished);
+    connect(m_bleMgr, &BLEManager::sigDeviceConnected, this, &CorvelKXBleDLL::slotDeviceConnected);
+    connect(m_bleMgr, &BLEManager::sigDeviceDisconnected, this,
+            &CorvelKXBleDLL::slotDeviceDisconnected);
+    connect(m_bleMgr, &BLEManager::sigMessageReceived, this, &CorvelKXBleDLL::slotMessageReceived);
+
+    qCDebug(defaultLog) << "CorvelKXBleDLL::CorvelKXBleDLL(), Plugin thread ID:"
+                        << QThread::currentThreadId();
+    m_bleThread->start(QThread::InheritPriority);
+    CorvelKXBleDLL::bleInit();
+}
+
+CorvelKXBleDLL::~CorvelKXBleDLL()
+{
+    if (m_bleThread) {
+        m_bleThread->quit();
+        m_bleThread->wait(QDeadlineTimer(1000));
+        delete m_bleThread;
+    }
+}
+
+void CorvelKXBleDLL::bleInit()
+{
+    if (!m_bleMgr) {
+        qCritical() << "[CorvelKXBleDLL::bleInit] m_bleMgr is nullptr";
+        return;
+    }
+    QMetaObject::invokeMethod(m_bleMgr, "init", Qt::QueuedConnection);
+}
+
+void CorvelKXBleDLL::start()
+{
+    if (!m_bleMgr) {
+        qCritical() << "[CorvelKXBleDLL::Start] m_bleMgr is nullptr";
+        return;
+    }
+    QMetaObject::invokeMethod(m_bleMgr, "start", Qt::QueuedConnection);
+}
+
+void CorvelKXBleDLL::stop()
+{
+    if (m_bleMgr)
+        QMetaObject::invokeMethod(m_bleMgr, "stop", Qt::QueuedConnection);
+}
+
+void CorvelKXBleDLL::sendMessage(const QString &devAddr, const QByteArray &data)
+{
+    if (m_bleMgr) {
+        QMetaObject::invokeMethod(m_bleMgr, "sendMessage", Qt::QueuedConnection,
+                                  Q_ARG(QString, devAddr), Q_ARG(QByteArray, data));
+    }
+}
+
+void CorvelKXBleDLL::connectToDevice(const QString &devAddr)
+{
+    if (!m_bleMgr)
+        return;
+    qCDebug(defaultLog) << "[CorvelKXBleDLL::connectToDevice] devAddr: " << devAddr;
+    QMetaObject::invokeMethod(m_bleMgr, "connectToDevice", Qt::QueuedConnection,
+                              Q_ARG(QString, devAddr));
+}
+
+bool CorvelKXBleDLL::reconnectDevice(const QString &devAddr)
+{
+    if (!m_bleMgr)
+        return false;
+    qCDebug(defaultLog) << "[CorvelKXBleDLL::reconnectDevice] devAddr: " << devAddr;
+    QMetaObject::invokeMethod(m_bleMgr, "reconnectDevice", Qt::QueuedConnection,
+                              Q_ARG(QString, devAddr));
+    return true;
+}
+
+void CorvelKXBleDLL::removeDevice(const QString &devAddr)
+{
+    if (!m_bleMgr)
+        return;
+    qCDebug(defaultLog) << "[CorvelKXBleDLL::removeDevice] devAddr: " << devAddr;
+    QMetaObject::invokeMethod(m_bleMgr, "removeDevice", Qt::QueuedConnection,
+                              Q_ARG(QString, devAddr));
+}
+
+void CorvelKXBleDLL::slotDeviceDiscovered(int protocolType, const QString &devAddr,
+                                          const QString &devName)
+{
+    qCDebug(defaultLog) << "[CorvelKXBleDLL::slotDeviceDiscovered] devAddr: " << devAddr
+                        << " device Name: " << devName;
+    emit sigDeviceDiscovered(protocolType, devAddr, devName);
+}
+
+void CorvelKXBleDLL::slotDeviceDiscoveredErrorOccurred(QBluetoothDeviceDiscoveryAgent::Error error)
+{
+    qCDebug(defaultLog) << "[CorvelKXBleDLL::slotDeviceDiscoveredErrorOccurred] error: " << error;
+    emit sigDeviceDiscoveredErrorOccurred(error);
+}
+
+void CorvelKXBleDLL::slotDeviceDiscvoeredFinished()
+{
+    qCDebug(defaultLog) << "[CorvelKXBleDLL::slotDeviceDiscvoeredFinished]";
+    emit sigDeviceDiscoveredFinished();
+}
+
+void CorvelKXBleDLL::slotDeviceConnected(const QString &devAddr)
+{
+    qCDebug(defaultLog) << "[CorvelKXBleDLL::slotDeviceConnected] devAddr: " << devAddr;
+    emit sigDeviceConnected(devAddr);
+}
+
+void CorvelKXBleDLL::slotDeviceDisconnected(const QString &devAddr)
+{
+    qCDebug(defaultLog) << "[CorvelKXBleDLL::slotDeviceDisconnected] devAddr: " << devAddr;
+    emit sigDeviceDisconnected(devAddr);
+}
+
+void CorvelKXBleDLL::slotMessageReceived(const QString &devAddr, const QByteArray &data)
+{
+    // Every notification of every light passes here: no log line.
+    emit sigMessageReceived(devAddr, data);
+}
+
+// The interface is a header alone; its meta-object code has to come in somewhere.
+#include "moc_CorvelKXBleInterface.cpp"
