@@ -1,0 +1,576 @@
+#include "BluetoothDaemon.h"
+
+#include <QDBusMetaType>
+#include <QHash>
+
+#include <algorithm>
+#include <utility>
+
+namespace {
+
+constexpr QLatin1String serviceName("org.bluez");
+constexpr QLatin1String treePath("/org/bluez");
+constexpr QLatin1String adapterPath("/org/bluez/hci0");
+constexpr QLatin1String adapterInterface("org.bluez.Adapter1");
+constexpr QLatin1String deviceInterface("org.bluez.Device1");
+constexpr QLatin1String serviceInterface("org.bluez.GattService1");
+constexpr QLatin1String characteristicInterface("org.bluez.GattCharacteristic1");
+constexpr QLatin1String descriptorInterface("org.bluez.GattDescriptor1");
+constexpr QLatin1String propertiesInterface("org.freedesktop.DBus.Properties");
+constexpr QLatin1String objectManagerInterface("org.freedesktop.DBus.ObjectManager");
+
+constexpr QLatin1String connectedKey("Connected");
+constexpr QLatin1String resolvedKey("ServicesResolved");
+constexpr QLatin1String poweredKey("Powered");
+constexpr QLatin1String discoveringKey("Discovering");
+constexpr QLatin1String uuidKey("UUID");
+constexpr QLatin1String uuidsKey("UUIDs");
+constexpr QLatin1String rssiKey("RSSI");
+
+constexpr std::size_t rememberedWrites = 1000;
+constexpr int appearanceInterval = 5;
+
+QString bluezError(const char *name)
+{
+    return QStringLiteral("org.bluez.Error.") + QLatin1String(name);
+}
+
+QString numbered(const QString &parent, const char *kind, qsizetype number)
+{
+    return QStringLiteral("%1/%2%3").arg(parent, QLatin1String(kind),
+                                         QStringLiteral("%1").arg(number, 4, 16, QLatin1Char('0')));
+}
+
+// The object manager lives at the root of the bus, apart from the tree that it tells about.
+class Root : public QDBusVirtualObject
+{
+public:
+    explicit Root(QDBusVirtualObject *tree) : QDBusVirtualObject(tree), m_tree(tree) { }
+
+    QString introspect(const QString &) const override { return {}; }
+    bool handleMessage(const QDBusMessage &message, const QDBusConnection &connection) override
+    {
+        return m_tree->handleMessage(message, connection);
+    }
+
+private:
+    QDBusVirtualObject *m_tree;
+};
+
+} // namespace
+
+BluetoothDaemon::BluetoothDaemon(const QDBusConnection &bus, QObject *parent)
+    : QDBusVirtualObject(parent), m_bus(bus), m_root(new Root(this))
+{
+    qDBusRegisterMetaType<Interfaces>();
+    qDBusRegisterMetaType<ManagedObjects>();
+    qDBusRegisterMetaType<ManufacturerData>();
+
+    m_bus.registerVirtualObject(QStringLiteral("/"), m_root, QDBusConnection::SingleNode);
+    m_bus.registerVirtualObject(treePath, this, QDBusConnection::SubPath);
+
+    m_scanners.setConnection(m_bus);
+    m_scanners.setWatchMode(QDBusServiceWatcher::WatchForUnregistration);
+    connect(&m_scanners, &QDBusServiceWatcher::serviceUnregistered, this,
+            &BluetoothDaemon::endScan);
+
+    // Advertisements come one by one, as they do on the air.
+    m_appearances.setInterval(appearanceInterval);
+    connect(&m_appearances, &QTimer::timeout, this, [this] {
+        for (const auto &device : m_devices) {
+            if (device->light.advertising && !m_objects.contains(QDBusObjectPath(device->path))) {
+                appear(device.get());
+                return;
+            }
+        }
+        m_appearances.stop();
+    });
+}
+
+BluetoothDaemon::~BluetoothDaemon() = default;
+
+bool BluetoothDaemon::enterBus()
+{
+    showAdapter();
+    m_onBus = m_bus.registerService(serviceName);
+    return m_onBus;
+}
+
+void BluetoothDaemon::leaveBus(Leaving how)
+{
+    if (how == Leaving::Clean)
+        setPresent(false);
+    m_bus.unregisterService(serviceName);
+    m_onBus = false;
+
+    // What is left after a silent end, the next daemon does not know any more.
+    endScan();
+    for (const auto &device : m_devices)
+        dropLink(device.get());
+    m_objects.clear();
+}
+
+void BluetoothDaemon::showAdapter()
+{
+    exportObject(adapterPath,
+                 { { adapterInterface,
+                     { { QStringLiteral("Address"), QStringLiteral("02:00:00:00:00:01") },
+                       { QStringLiteral("Name"), QStringLiteral("virtual") },
+                       { QStringLiteral("Alias"), QStringLiteral("virtual") },
+                       { poweredKey, true },
+                       { discoveringKey, false } } } });
+}
+
+bool BluetoothDaemon::isPresent() const
+{
+    return m_objects.contains(QDBusObjectPath(adapterPath));
+}
+
+bool BluetoothDaemon::isPowered() const
+{
+    return m_objects.value(QDBusObjectPath(adapterPath))
+            .value(adapterInterface)
+            .value(poweredKey)
+            .toBool();
+}
+
+bool BluetoothDaemon::isScanning() const
+{
+    return m_objects.value(QDBusObjectPath(adapterPath))
+            .value(adapterInterface)
+            .value(discoveringKey)
+            .toBool();
+}
+
+void BluetoothDaemon::setPowered(bool powered)
+{
+    if (!isPresent() || powered == isPowered())
+        return;
+    if (!powered) {
+        for (const auto &device : m_devices)
+            dropLink(device.get());
+        endScan();
+    }
+    changeProperties(adapterPath, adapterInterface, { { poweredKey, powered } });
+}
+
+void BluetoothDaemon::setPresent(bool present)
+{
+    if (present == isPresent())
+        return;
+    if (present) {
+        showAdapter();
+        return;
+    }
+    endScan();
+    for (const auto &device : m_devices) {
+        dropLink(device.get());
+        removeObject(device->path);
+    }
+    removeObject(adapterPath);
+}
+
+void BluetoothDaemon::endScan()
+{
+    m_appearances.stop();
+    m_scanners.setWatchedServices({});
+    if (isScanning())
+        changeProperties(adapterPath, adapterInterface, { { discoveringKey, false } });
+}
+
+void BluetoothDaemon::add(const Light &light)
+{
+    auto device = std::make_unique<Device>();
+    device->light = light;
+    device->path = adapterPath + QStringLiteral("/dev_")
+            + QString(light.address).replace(QLatin1Char(':'), QLatin1Char('_'));
+    m_devices.push_back(std::move(device));
+    if (isScanning())
+        m_appearances.start();
+}
+
+Device *BluetoothDaemon::find(const QString &address) const
+{
+    const auto device = std::find_if(m_devices.cbegin(), m_devices.cend(), [&](const auto &d) {
+        return d->light.address == address;
+    });
+    return device == m_devices.cend() ? nullptr : device->get();
+}
+
+QList<Device *> BluetoothDaemon::devices() const
+{
+    QList<Device *> all;
+    for (const auto &device : m_devices)
+        all.append(device.get());
+    return all;
+}
+
+Device *BluetoothDaemon::deviceAt(const QString &path) const
+{
+    const auto device = std::find_if(m_devices.cbegin(), m_devices.cend(), [&path](const auto &d) {
+        return path.startsWith(d->path);
+    });
+    return device == m_devices.cend() ? nullptr : device->get();
+}
+
+void BluetoothDaemon::forget(Device *device)
+{
+    dropLink(device);
+    removeObject(device->path);
+    m_devices.erase(std::find_if(m_devices.begin(), m_devices.end(),
+                                 [device](const auto &d) { return d.get() == device; }));
+}
+
+QVariantMap BluetoothDaemon::deviceProperties(const Device &device) const
+{
+    QString alias = device.light.name;
+    if (alias.isEmpty())
+        alias = QString(device.light.address).replace(QLatin1Char(':'), QLatin1Char('-'));
+    QVariantMap properties {
+        { QStringLiteral("Address"), device.light.address },
+        { QStringLiteral("Alias"), alias },
+        { QStringLiteral("Adapter"), QVariant::fromValue(QDBusObjectPath(adapterPath)) },
+        { rssiKey, QVariant::fromValue<short>(-60) },
+        { uuidsKey, QStringList() },
+        { connectedKey, false },
+        { resolvedKey, false },
+    };
+    const QByteArray data = device.light.advertisedData();
+    if (!data.isEmpty()) {
+        const ManufacturerData manufacturerData { { device.light.company, QDBusVariant(data) } };
+        properties.insert(QStringLiteral("ManufacturerData"),
+                          QVariant::fromValue(manufacturerData));
+    }
+    return properties;
+}
+
+void BluetoothDaemon::appear(Device *device)
+{
+    exportObject(device->path, { { deviceInterface, deviceProperties(*device) } });
+}
+
+void BluetoothDaemon::advertise(Device *device)
+{
+    if (!m_objects.contains(QDBusObjectPath(device->path))) {
+        if (isScanning())
+            appear(device);
+        return;
+    }
+    QVariantMap properties = deviceProperties(*device);
+    for (const QLatin1String key : { connectedKey, resolvedKey, uuidsKey })
+        properties.remove(key);
+    changeProperties(device->path, deviceInterface, properties);
+}
+
+void BluetoothDaemon::dropLink(Device *device)
+{
+    device->link.reset();
+    const auto pending = std::exchange(device->pendingConnects, {});
+    for (const QDBusMessage &message : pending)
+        refuse(message, bluezError("Failed"), QStringLiteral("the link was lost"));
+    if (device->connected) {
+        device->connected = false;
+        removeServices(device);
+        changeProperties(device->path, deviceInterface,
+                         { { resolvedKey, false }, { connectedKey, false } });
+    }
+    const auto disconnects = std::exchange(device->pendingDisconnects, {});
+    for (const QDBusMessage &message : disconnects)
+        reply(message);
+}
+
+void BluetoothDaemon::vanishServices(Device *device)
+{
+    removeServices(device);
+    changeProperties(device->path, deviceInterface, { { uuidsKey, QStringList() } });
+}
+
+bool BluetoothDaemon::notify(Device *device, const QByteArray &value, const QString &servicePath)
+{
+    const auto source = std::find_if(
+            device->notifying.cbegin(), device->notifying.cend(),
+            [&servicePath](const QString &path) { return path.startsWith(servicePath); });
+    if (source == device->notifying.cend())
+        return false;
+    auto signal = QDBusMessage::createSignal(*source, propertiesInterface,
+                                             QStringLiteral("PropertiesChanged"));
+    signal << characteristicInterface << QVariantMap { { QStringLiteral("Value"), value } }
+           << QStringList();
+    return m_bus.send(signal);
+}
+
+void BluetoothDaemon::exportServices(Device *device)
+{
+    QStringList uuids;
+    qsizetype handle = 1;
+    const QList<GattService> services = device->light.services();
+    const auto exportPart = [this, device](const QString &path, const QString &interface,
+                                           const QVariantMap &properties) {
+        exportObject(path, { { interface, properties } });
+        device->objects.append(path);
+    };
+    for (const GattService &service : services) {
+        const QString servicePath = numbered(device->path, "service", handle++);
+        uuids.append(service.uuid);
+        exportPart(servicePath, serviceInterface,
+                   { { uuidKey, service.uuid }, { QStringLiteral("Primary"), true } });
+        for (const GattCharacteristic &characteristic : service.characteristics) {
+            const QString path = numbered(servicePath, "char", handle++);
+            device->characteristics.insert(path, characteristic);
+            exportPart(path, characteristicInterface,
+                       { { uuidKey, characteristic.uuid },
+                         { QStringLiteral("Flags"), characteristic.flags } });
+            for (const QString &descriptor : characteristic.descriptors) {
+                exportPart(numbered(path, "desc", handle++), descriptorInterface,
+                           { { uuidKey, descriptor } });
+            }
+        }
+    }
+    changeProperties(device->path, deviceInterface, { { uuidsKey, uuids } });
+}
+
+void BluetoothDaemon::removeServices(Device *device)
+{
+    device->characteristics.clear();
+    device->notifying.clear();
+    const QStringList paths = std::exchange(device->objects, {});
+    for (const QString &path : paths)
+        removeObject(path);
+}
+
+void BluetoothDaemon::exportObject(const QString &path, const Interfaces &interfaces)
+{
+    const QDBusObjectPath object(path);
+    m_objects.insert(object, interfaces);
+    if (!m_onBus)
+        return;
+    auto signal = QDBusMessage::createSignal(QStringLiteral("/"), objectManagerInterface,
+                                             QStringLiteral("InterfacesAdded"));
+    signal << QVariant::fromValue(object) << QVariant::fromValue(interfaces);
+    m_bus.send(signal);
+}
+
+void BluetoothDaemon::removeObject(const QString &path)
+{
+    const QDBusObjectPath object(path);
+    const Interfaces interfaces = m_objects.take(object);
+    if (interfaces.isEmpty() || !m_onBus)
+        return;
+    auto signal = QDBusMessage::createSignal(QStringLiteral("/"), objectManagerInterface,
+                                             QStringLiteral("InterfacesRemoved"));
+    signal << QVariant::fromValue(object) << QStringList(interfaces.keys());
+    m_bus.send(signal);
+}
+
+void BluetoothDaemon::changeProperties(const QString &path, const QString &interface,
+                                       const QVariantMap &properties)
+{
+    const auto object = m_objects.find(QDBusObjectPath(path));
+    if (object == m_objects.end())
+        return;
+    (*object)[interface].insert(properties);
+    if (!m_onBus)
+        return;
+    auto signal = QDBusMessage::createSignal(path, propertiesInterface,
+                                             QStringLiteral("PropertiesChanged"));
+    signal << interface << properties << QStringList();
+    m_bus.send(signal);
+}
+
+QString BluetoothDaemon::introspect(const QString &) const
+{
+    return {};
+}
+
+void BluetoothDaemon::reply(const QDBusMessage &message, const QVariantList &arguments)
+{
+    if (message.isReplyRequired())
+        m_bus.send(message.createReply(arguments));
+}
+
+void BluetoothDaemon::refuse(const QDBusMessage &message, const QString &name, const QString &text)
+{
+    m_bus.send(message.createErrorReply(name, text));
+}
+
+bool BluetoothDaemon::handleMessage(const QDBusMessage &message, const QDBusConnection &)
+{
+    static const QHash<QString, Handler> handlers {
+        { propertiesInterface + QStringLiteral(".Get"), &BluetoothDaemon::getProperty },
+        { propertiesInterface + QStringLiteral(".GetAll"), &BluetoothDaemon::getAllProperties },
+        { objectManagerInterface + QStringLiteral(".GetManagedObjects"),
+          &BluetoothDaemon::getManagedObjects },
+        { adapterInterface + QStringLiteral(".SetDiscoveryFilter"), &BluetoothDaemon::accept },
+        { adapterInterface + QStringLiteral(".StartDiscovery"), &BluetoothDaemon::startDiscovery },
+        { adapterInterface + QStringLiteral(".StopDiscovery"), &BluetoothDaemon::stopDiscovery },
+        { deviceInterface + QStringLiteral(".Connect"), &BluetoothDaemon::connectDevice },
+        { deviceInterface + QStringLiteral(".Disconnect"), &BluetoothDaemon::disconnectDevice },
+        { characteristicInterface + QStringLiteral(".ReadValue"), &BluetoothDaemon::readValue },
+        { characteristicInterface + QStringLiteral(".WriteValue"), &BluetoothDaemon::writeValue },
+        { characteristicInterface + QStringLiteral(".StartNotify"), &BluetoothDaemon::setNotifying },
+        { characteristicInterface + QStringLiteral(".StopNotify"), &BluetoothDaemon::setNotifying },
+        { descriptorInterface + QStringLiteral(".ReadValue"), &BluetoothDaemon::readValue },
+    };
+    const QString method = message.interface() + QLatin1Char('.') + message.member();
+    ++m_calls[method];
+    const auto handler = handlers.constFind(method);
+    if (handler == handlers.constEnd())
+        return false;
+    if (message.path() != QLatin1String("/")
+        && !m_objects.contains(QDBusObjectPath(message.path()))) {
+        refuse(message, QStringLiteral("org.freedesktop.DBus.Error.UnknownObject"),
+               QStringLiteral("there is no %1").arg(message.path()));
+        return true;
+    }
+    (this->*handler.value())(message);
+    return true;
+}
+
+void BluetoothDaemon::getProperty(const QDBusMessage &message)
+{
+    const QVariantMap properties = m_objects.value(QDBusObjectPath(message.path()))
+                                           .value(message.arguments().value(0).toString());
+    const auto property = properties.constFind(message.arguments().value(1).toString());
+    if (property == properties.constEnd()) {
+        refuse(message, QStringLiteral("org.freedesktop.DBus.Error.UnknownProperty"),
+               QStringLiteral("there is no such property"));
+        return;
+    }
+    reply(message, { QVariant::fromValue(QDBusVariant(*property)) });
+}
+
+void BluetoothDaemon::getAllProperties(const QDBusMessage &message)
+{
+    reply(message,
+          { m_objects.value(QDBusObjectPath(message.path()))
+                    .value(message.arguments().value(0).toString()) });
+}
+
+void BluetoothDaemon::getManagedObjects(const QDBusMessage &message)
+{
+    reply(message, { QVariant::fromValue(m_objects) });
+}
+
+void BluetoothDaemon::accept(const QDBusMessage &message)
+{
+    reply(message);
+}
+
+void BluetoothDaemon::startDiscovery(const QDBusMessage &message)
+{
+    if (!isPowered()) {
+        refuse(message, bluezError("NotReady"), QStringLiteral("the adapter is off"));
+        return;
+    }
+    m_scanners.setWatchedServices({ message.service() });
+    changeProperties(adapterPath, adapterInterface, { { discoveringKey, true } });
+    reply(message);
+
+    for (const auto &device : m_devices) {
+        if (device->light.advertising && m_objects.contains(QDBusObjectPath(device->path)))
+            changeProperties(device->path, deviceInterface,
+                             { { rssiKey, QVariant::fromValue<short>(-60) } });
+    }
+    m_appearances.start();
+}
+
+void BluetoothDaemon::stopDiscovery(const QDBusMessage &message)
+{
+    endScan();
+    reply(message);
+}
+
+void BluetoothDaemon::connectDevice(const QDBusMessage &message)
+{
+    Device *device = deviceAt(message.path());
+    if (device->connected) {
+        reply(message);
+        return;
+    }
+    if (!isPowered()) {
+        refuse(message, bluezError("NotReady"), QStringLiteral("the adapter is off"));
+        return;
+    }
+    if (device->link) {
+        refuse(message, bluezError("InProgress"), QStringLiteral("a connection is under way"));
+        return;
+    }
+    device->link = std::make_unique<QObject>();
+    device->pendingConnects.append(message);
+    if (device->light.connect == Light::Connect::Hang)
+        return;
+    const int delay = device->light.latency + (isScanning() ? m_scanPenalty : 0);
+    QTimer::singleShot(delay, device->link.get(), [this, device] { finishConnect(device); });
+}
+
+void BluetoothDaemon::finishConnect(Device *device)
+{
+    if (device->light.connect == Light::Connect::Refuse) {
+        dropLink(device);
+        return;
+    }
+    device->connected = true;
+    changeProperties(device->path, deviceInterface, { { connectedKey, true } });
+    if (device->light.connect == Light::Connect::Abort) {
+        dropLink(device);
+        return;
+    }
+    const auto pending = std::exchange(device->pendingConnects, {});
+    for (const QDBusMessage &message : pending)
+        reply(message);
+    if (!device->light.resolve)
+        return;
+    exportServices(device);
+    changeProperties(device->path, deviceInterface, { { resolvedKey, true } });
+}
+
+void BluetoothDaemon::disconnectDevice(const QDBusMessage &message)
+{
+    Device *device = deviceAt(message.path());
+    if (!device->link) {
+        refuse(message, bluezError("NotConnected"), QStringLiteral("there is no link"));
+        return;
+    }
+    device->pendingDisconnects.append(message);
+    QTimer::singleShot(device->light.disconnectDelay, device->link.get(),
+                       [this, device] { dropLink(device); });
+}
+
+void BluetoothDaemon::readValue(const QDBusMessage &message)
+{
+    if (deviceAt(message.path())->light.refuseReads) {
+        refuse(message, bluezError("NotPermitted"), QStringLiteral("reading is refused"));
+        return;
+    }
+    const bool isDescriptor = message.interface() == descriptorInterface;
+    reply(message, { isDescriptor ? QByteArray(2, '\0') : QByteArrayLiteral("virtual") });
+}
+
+void BluetoothDaemon::writeValue(const QDBusMessage &message)
+{
+    Device *device = deviceAt(message.path());
+    if (device->light.refuseWrites) {
+        refuse(message, bluezError("NotPermitted"), QStringLiteral("writing is refused"));
+        return;
+    }
+    const QByteArray data = message.arguments().value(0).toByteArray();
+    const auto options = qdbus_cast<QVariantMap>(message.arguments().value(1));
+    device->written.push_back({ device->characteristics.value(message.path()).uuid,
+                                options.value(QStringLiteral("type")).toString(), data });
+    if (device->written.size() > rememberedWrites)
+        device->written.pop_front();
+    ++device->writtenCount;
+    reply(message);
+
+    if (device->light.echo)
+        notify(device, data, message.path().section(QLatin1Char('/'), 0, -2));
+}
+
+void BluetoothDaemon::setNotifying(const QDBusMessage &message)
+{
+    Device *device = deviceAt(message.path());
+    device->notifying.removeAll(message.path());
+    if (message.member() == QLatin1String("StartNotify"))
+        device->notifying.append(message.path());
+    reply(message);
+}

@@ -1,0 +1,282 @@
+#include "Control.h"
+
+#include "BluetoothDaemon.h"
+
+#include <QDBusError>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QtEndian>
+
+#include <algorithm>
+#include <chrono>
+
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int longestRun = 500;
+
+// A series of numbered notifications. Lives as long as the link that it runs on.
+class Burst : public QObject
+{
+public:
+    Burst(BluetoothDaemon *daemon, Device *device, quint32 count, int size, int perSecond)
+        : QObject(device->link.get())
+        , m_daemon(daemon)
+        , m_device(device)
+        , m_count(count)
+        , m_perSecond(perSecond)
+        , m_value(size, '\0')
+    {
+        startTimer(perSecond ? 1 : 0, Qt::PreciseTimer);
+    }
+
+protected:
+    void timerEvent(QTimerEvent *) override
+    {
+        for (quint32 sent = 0; sent < due() && m_next < m_count; ++sent) {
+            qToBigEndian(m_next++, m_value.data());
+            if (!m_daemon->notify(m_device, m_value))
+                m_next = m_count;
+        }
+        if (m_next == m_count)
+            deleteLater();
+    }
+
+private:
+    quint32 due() const
+    {
+        if (!m_perSecond)
+            return longestRun;
+        const std::chrono::duration<double> elapsed = Clock::now() - m_begin;
+        return static_cast<quint32>(elapsed.count() * m_perSecond) >= m_next ? longestRun : 0;
+    }
+
+    BluetoothDaemon *m_daemon;
+    Device *m_device;
+    quint32 m_next = 0;
+    quint32 m_count;
+    int m_perSecond;
+    QByteArray m_value;
+    Clock::time_point m_begin = Clock::now();
+};
+
+QString line(const Written &written)
+{
+    return QStringLiteral("%1 %2 %3").arg(written.characteristic, written.mode,
+                                          QString::fromLatin1(written.data.toHex()));
+}
+
+bool isHex(const QString &text)
+{
+    return QByteArray::fromHex(text.toLatin1()).toHex() == text.toLatin1().toLower();
+}
+
+} // namespace
+
+Control::Control(BluetoothDaemon *daemon, QObject *parent) : QObject(parent), m_daemon(daemon) { }
+
+void Control::fail(const QString &sentence)
+{
+    sendErrorReply(interface + QStringLiteral(".Error"), sentence);
+}
+
+Device *Control::device(const QString &address)
+{
+    Device *found = m_daemon->find(address);
+    if (!found)
+        fail(QStringLiteral("There is no light %1.").arg(address));
+    return found;
+}
+
+QStringList Control::lights()
+{
+    QStringList addresses;
+    const auto devices = m_daemon->devices();
+    for (const Device *device : devices)
+        addresses.append(device->light.address);
+    return addresses;
+}
+
+void Control::add(const QString &json)
+{
+    Light light;
+    const auto document = QJsonDocument::fromJson(json.toUtf8());
+    QString wrong = document.isObject() ? light.apply(document.object())
+                                        : QStringLiteral("a light is a JSON object");
+    if (wrong.isEmpty() && m_daemon->find(light.address))
+        wrong = QStringLiteral("%1 is there already").arg(light.address);
+    if (wrong.isEmpty())
+        m_daemon->add(light);
+    else
+        fail(QStringLiteral("The light cannot be added: %1.").arg(wrong));
+}
+
+void Control::forget(const QString &address)
+{
+    if (Device *found = device(address))
+        m_daemon->forget(found);
+}
+
+void Control::set(const QString &address, const QString &key, const QString &value)
+{
+    Device *found = device(address);
+    if (!found)
+        return;
+    const QString wrong = key == QLatin1String("address")
+            ? QStringLiteral("an address cannot be changed")
+            : found->light.set(key, jsonValueFromText(value));
+    if (!wrong.isEmpty())
+        fail(QStringLiteral("Nothing was changed: %1.").arg(wrong));
+}
+
+void Control::advertise(const QString &address, const QString &hex)
+{
+    Device *found = device(address);
+    if (!found)
+        return;
+    const QString wrong = found->light.set(QStringLiteral("manufacturer"), hex);
+    if (wrong.isEmpty())
+        m_daemon->advertise(found);
+    else
+        fail(QStringLiteral("Nothing was advertised: %1.").arg(wrong));
+}
+
+void Control::drop(const QString &address)
+{
+    Device *found = device(address);
+    if (found && !found->link)
+        fail(QStringLiteral("%1 is not connected.").arg(address));
+    else if (found)
+        m_daemon->dropLink(found);
+}
+
+void Control::vanish(const QString &address)
+{
+    if (Device *found = device(address))
+        m_daemon->vanishServices(found);
+}
+
+void Control::notify(const QString &address, const QString &hex)
+{
+    Device *found = device(address);
+    if (!found)
+        return;
+    if (!isHex(hex))
+        fail(QStringLiteral("\"%1\" is not a row of hexadecimal pairs.").arg(hex));
+    else if (!m_daemon->notify(found, QByteArray::fromHex(hex.toLatin1())))
+        fail(QStringLiteral("Nobody listens to %1.").arg(address));
+}
+
+void Control::burst(const QString &address, int count, int size, int perSecond)
+{
+    Device *found = device(address);
+    if (!found)
+        return;
+    if (count < 0 || size < 4 || perSecond < 0)
+        fail(QStringLiteral("A burst needs a count, a size of at least 4 bytes and a rate."));
+    else if (found->notifying.isEmpty())
+        fail(QStringLiteral("Nobody listens to %1.").arg(address));
+    else
+        new Burst(m_daemon, found, static_cast<quint32>(count), size, perSecond);
+}
+
+void Control::adapter(const QString &state)
+{
+    if (state == QLatin1String("on"))
+        m_daemon->setPowered(true);
+    else if (state == QLatin1String("off"))
+        m_daemon->setPowered(false);
+    else if (state == QLatin1String("remove"))
+        m_daemon->setPresent(false);
+    else if (state == QLatin1String("return"))
+        m_daemon->setPresent(true);
+    else
+        fail(QStringLiteral("The adapter can be told on, off, remove and return."));
+}
+
+void Control::daemon(const QString &state)
+{
+    if (state == QLatin1String("leave"))
+        m_daemon->leaveBus(BluetoothDaemon::Leaving::Clean);
+    else if (state == QLatin1String("kill"))
+        m_daemon->leaveBus(BluetoothDaemon::Leaving::Silent);
+    else if (state == QLatin1String("return"))
+        m_daemon->enterBus();
+    else
+        fail(QStringLiteral("The daemon can be told leave, kill and return."));
+}
+
+QStringList Control::written(const QString &address)
+{
+    QStringList lines;
+    if (const Device *found = device(address))
+        std::transform(found->written.cbegin(), found->written.cend(), std::back_inserter(lines),
+                       line);
+    return lines;
+}
+
+QStringList Control::connected()
+{
+    QStringList addresses;
+    const auto devices = m_daemon->devices();
+    for (const Device *device : devices) {
+        if (device->connected)
+            addresses.append(device->light.address);
+    }
+    return addresses;
+}
+
+QStringList Control::calls()
+{
+    QStringList lines;
+    const auto calls = m_daemon->calls();
+    for (auto call = calls.cbegin(); call != calls.cend(); ++call)
+        lines.append(QStringLiteral("%1 %2").arg(call.key(), QString::number(call.value())));
+    return lines;
+}
+
+void Control::reset()
+{
+    m_daemon->resetCalls();
+    const auto devices = m_daemon->devices();
+    for (Device *device : devices) {
+        device->written.clear();
+        device->writtenCount = 0;
+    }
+}
+
+QString Control::report()
+{
+    QJsonArray lights;
+    const auto devices = m_daemon->devices();
+    for (const Device *device : devices) {
+        QJsonArray written;
+        for (const Written &payload : device->written)
+            written.append(line(payload));
+        lights.append(QJsonObject {
+                { QStringLiteral("address"), device->light.address },
+                { QStringLiteral("name"), device->light.name },
+                { QStringLiteral("layout"), device->light.layout },
+                { QStringLiteral("connected"), device->connected },
+                { QStringLiteral("listening"), !device->notifying.isEmpty() },
+                { QStringLiteral("writtenCount"), qint64(device->writtenCount) },
+                { QStringLiteral("written"), written },
+        });
+    }
+    QJsonObject calls;
+    const auto counts = m_daemon->calls();
+    for (auto call = counts.cbegin(); call != counts.cend(); ++call)
+        calls.insert(call.key(), qint64(call.value()));
+    const QJsonObject report {
+        { QStringLiteral("daemon"), m_daemon->isOnBus() },
+        { QStringLiteral("adapter"), m_daemon->isPresent() },
+        { QStringLiteral("powered"), m_daemon->isPowered() },
+        { QStringLiteral("scanning"), m_daemon->isScanning() },
+        { QStringLiteral("calls"), calls },
+        { QStringLiteral("lights"), lights },
+    };
+    return QString::fromUtf8(QJsonDocument(report).toJson(QJsonDocument::Compact));
+}
