@@ -1,0 +1,110 @@
+#include "LineReader.h"
+
+#include "Output.h"
+
+#include <QSocketNotifier>
+
+#include <unistd.h>
+
+#ifdef HAVE_LIBEDIT
+#    include <editline/readline.h>
+#endif
+
+namespace {
+
+constexpr char prompt[] = "lights> ";
+
+// Filled by the editing library's callback, which knows no object.
+QByteArray editedInput;
+bool editedEnd = false;
+
+#ifdef HAVE_LIBEDIT
+void takeEditedLine(char *text)
+{
+    if (!text) {
+        editedEnd = true;
+        return;
+    }
+    if (*text)
+        add_history(text);
+    editedInput += QByteArray(text) + '\n';
+    free(text);
+}
+#endif
+
+} // namespace
+
+LineReader::LineReader(Session *session, Output *output, QObject *parent)
+    : QObject(parent), m_session(session),
+      m_isInteractive(output->isTerminal() && isatty(STDIN_FILENO) && !output->isJson())
+{
+    connect(output, &Output::aboutToPrint, this, &LineReader::hidePrompt);
+    connect(output, &Output::printed, this, &LineReader::showPrompt);
+}
+
+LineReader::~LineReader() = default;
+
+void LineReader::hidePrompt()
+{
+    if (m_isInteractive && m_isReading) [[maybe_unused]]
+        const auto written = write(STDOUT_FILENO, "\r\033[K", 4);
+}
+
+void LineReader::showPrompt()
+{
+    if (!m_isInteractive || !m_isReading)
+        return;
+#ifdef HAVE_LIBEDIT
+    rl_forced_update_display();
+#else
+    [[maybe_unused]] const auto written = write(STDOUT_FILENO, prompt, sizeof(prompt) - 1);
+#endif
+}
+
+void LineReader::readAvailable()
+{
+#ifdef HAVE_LIBEDIT
+    if (m_isInteractive) {
+        rl_callback_read_char();
+        m_buffer += std::exchange(editedInput, {});
+        emit m_session->changed();
+        return;
+    }
+#endif
+    char bytes[4096];
+    const auto count = ::read(STDIN_FILENO, bytes, sizeof(bytes));
+    if (count > 0)
+        m_buffer.append(bytes, count);
+    else
+        editedEnd = true;
+    emit m_session->changed();
+}
+
+std::optional<QString> LineReader::read()
+{
+    m_isReading = true;
+#ifdef HAVE_LIBEDIT
+    if (m_isInteractive)
+        rl_callback_handler_install(prompt, takeEditedLine);
+#else
+    showPrompt();
+#endif
+    QSocketNotifier notifier(STDIN_FILENO, QSocketNotifier::Read);
+    connect(&notifier, &QSocketNotifier::activated, this, &LineReader::readAvailable);
+    m_session->waitUntil([this] { return m_buffer.contains('\n') || editedEnd; }, unlimited);
+#ifdef HAVE_LIBEDIT
+    if (m_isInteractive)
+        rl_callback_handler_remove();
+#endif
+    m_isReading = false;
+
+    const auto end = m_buffer.indexOf('\n');
+    if (end < 0) {
+        // A last line without an end counts, unless the user interrupted.
+        const QByteArray rest = std::exchange(m_buffer, {});
+        return editedEnd && !rest.isEmpty() ? std::optional(QString::fromUtf8(rest)) : std::nullopt;
+    }
+    const QString line = QString::fromUtf8(m_buffer.left(end));
+    m_buffer.remove(0, end + 1);
+    return line;
+}

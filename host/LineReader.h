@@ -1,0 +1,36 @@
+#pragma once
+
+#include "Session.h"
+
+#include <QObject>
+#include <QString>
+
+#include <optional>
+
+class Output;
+
+/*!
+    Reads lines from the standard input while the event loop runs; with editing and history on a
+    terminal where the library for it was there at build time.
+*/
+class LineReader : public QObject
+{
+    Q_OBJECT
+
+public:
+    LineReader(Session *session, Output *output, QObject *parent = nullptr);
+    ~LineReader() override;
+
+    /*! The next line, or nothing at the end of the input and on an interruption. */
+    std::optional<QString> read();
+
+private:
+    void readAvailable();
+    void hidePrompt();
+    void showPrompt();
+
+    Session *m_session;
+    QByteArray m_buffer;
+    bool m_isInteractive;
+    bool m_isReading = false;
+};

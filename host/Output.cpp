@@ -1,0 +1,77 @@
+#include "Output.h"
+
+#include <QJsonDocument>
+#include <QTextStream>
+
+#include <cstdio>
+#include <unistd.h>
+
+Output::Output(QObject *parent)
+    : QObject(parent), m_isTerminal(isatty(STDOUT_FILENO) && isatty(STDERR_FILENO)),
+      m_hasColour(isatty(STDOUT_FILENO) && !qEnvironmentVariableIsSet("NO_COLOR"))
+{
+    m_out.open(stdout, QIODevice::WriteOnly);
+}
+
+void Output::event(const QString &name, const QJsonObject &fields, const QString &text)
+{
+    if (!m_json) {
+        line(text.toUtf8());
+        return;
+    }
+    QJsonObject object = fields;
+    object.insert(QStringLiteral("event"), name);
+    line(QJsonDocument(object).toJson(QJsonDocument::Compact));
+}
+
+void Output::say(const QString &text)
+{
+    if (!m_json)
+        line(text.toUtf8());
+}
+
+void Output::complain(const QString &sentence)
+{
+    if (m_json)
+        event(QStringLiteral("error"), { { QStringLiteral("message"), sentence } }, {});
+    live({});
+    QTextStream(stderr) << "corvelkx-host: " << sentence << Qt::endl;
+}
+
+void Output::live(const QString &text)
+{
+    if (!m_isTerminal || m_json || (text.isEmpty() && !m_hasLiveLine))
+        return;
+    QTextStream(stderr) << "\r\033[K" << text << Qt::flush;
+    m_hasLiveLine = !text.isEmpty();
+}
+
+void Output::line(const QByteArray &text)
+{
+    live({});
+    emit aboutToPrint();
+    m_out.write(text + '\n');
+    if (!m_out.flush())
+        emit closed();
+    emit printed();
+}
+
+QString Output::styled(const char *code, const QString &text) const
+{
+    return m_hasColour && !m_json
+                   ? QStringLiteral("\033[%1m%2\033[0m").arg(QLatin1String(code), text)
+                   : text;
+}
+
+QString printable(const QString &text)
+{
+    QString safe;
+    const auto codePoints = text.toUcs4();
+    for (const char32_t codePoint : codePoints) {
+        if (QChar::isPrint(codePoint))
+            safe += QString::fromUcs4(&codePoint, 1);
+        else
+            safe += QStringLiteral("\\u%1").arg(uint(codePoint), 4, 16, QLatin1Char('0'));
+    }
+    return safe;
+}
