@@ -86,7 +86,7 @@ QString check(const QStringList &words)
     return QStringLiteral("\"%1\" is no command; try --help.").arg(printable(name));
 }
 
-CommandLine parse(const QCoreApplication &app)
+CommandLine parse()
 {
     QCommandLineParser parser;
     parser.setApplicationDescription(QLatin1String(description));
@@ -106,9 +106,16 @@ CommandLine parse(const QCoreApplication &app)
     option("count", "Listen for <number> messages.", "number");
     option("answer", "Let send fail where no answer comes.");
     parser.addPositionalArgument(QStringLiteral("COMMAND"), QStringLiteral("One of the above."));
-    parser.process(app);
 
     CommandLine line;
+    if (!parser.parse(QCoreApplication::arguments())) {
+        line.error = parser.errorText();
+        return line;
+    }
+    if (parser.isSet(QStringLiteral("version")))
+        parser.showVersion();
+    if (parser.isSet(QStringLiteral("help")))
+        parser.showHelp();
     line.words = parser.positionalArguments();
     line.plugin = parser.isSet(QStringLiteral("plugin")) ? parser.value(QStringLiteral("plugin"))
                                                          : defaultPlugin();
@@ -188,7 +195,7 @@ int main(int argc, char *argv[])
     QCoreApplication::setApplicationName(QStringLiteral("corvelkx-host"));
     QCoreApplication::setApplicationVersion(QStringLiteral(PROJECT_VERSION));
 
-    const CommandLine line = parse(app);
+    const CommandLine line = parse();
     Output output;
     output.setJson(line.json);
     if (!line.error.isEmpty()) {

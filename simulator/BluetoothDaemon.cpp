@@ -121,10 +121,7 @@ void BluetoothDaemon::showAdapter()
                        { discoveringKey, false } } } });
 }
 
-bool BluetoothDaemon::isPresent() const
-{
-    return m_objects.contains(QDBusObjectPath(adapterPath));
-}
+bool BluetoothDaemon::isPresent() const { return m_objects.contains(QDBusObjectPath(adapterPath)); }
 
 bool BluetoothDaemon::isPowered() const
 {
@@ -183,7 +180,7 @@ void BluetoothDaemon::add(const Light &light)
     auto device = std::make_unique<Device>();
     device->light = light;
     device->path = adapterPath + QStringLiteral("/dev_")
-            + QString(light.address).replace(QLatin1Char(':'), QLatin1Char('_'));
+                   + QString(light.address).replace(QLatin1Char(':'), QLatin1Char('_'));
     m_devices.push_back(std::move(device));
     if (isScanning())
         m_appearances.start();
@@ -191,9 +188,8 @@ void BluetoothDaemon::add(const Light &light)
 
 Device *BluetoothDaemon::find(const QString &address) const
 {
-    const auto device = std::find_if(m_devices.cbegin(), m_devices.cend(), [&](const auto &d) {
-        return d->light.address == address;
-    });
+    const auto device = std::find_if(m_devices.cbegin(), m_devices.cend(),
+                                     [&](const auto &d) { return d->light.address == address; });
     return device == m_devices.cend() ? nullptr : device->get();
 }
 
@@ -207,9 +203,8 @@ QList<Device *> BluetoothDaemon::devices() const
 
 Device *BluetoothDaemon::deviceAt(const QString &path) const
 {
-    const auto device = std::find_if(m_devices.cbegin(), m_devices.cend(), [&path](const auto &d) {
-        return path.startsWith(d->path);
-    });
+    const auto device = std::find_if(m_devices.cbegin(), m_devices.cend(),
+                                     [&path](const auto &d) { return path.startsWith(d->path); });
     return device == m_devices.cend() ? nullptr : device->get();
 }
 
@@ -287,9 +282,10 @@ void BluetoothDaemon::vanishServices(Device *device)
 
 bool BluetoothDaemon::notify(Device *device, const QByteArray &value, const QString &servicePath)
 {
-    const auto source = std::find_if(
-            device->notifying.cbegin(), device->notifying.cend(),
-            [&servicePath](const QString &path) { return path.startsWith(servicePath); });
+    const auto source = std::find_if(device->notifying.cbegin(), device->notifying.cend(),
+                                     [&servicePath](const QString &path) {
+                                         return path.startsWith(servicePath);
+                                     });
     if (source == device->notifying.cend())
         return false;
     auto signal = QDBusMessage::createSignal(*source, propertiesInterface,
@@ -377,10 +373,7 @@ void BluetoothDaemon::changeProperties(const QString &path, const QString &inter
     m_bus.send(signal);
 }
 
-QString BluetoothDaemon::introspect(const QString &) const
-{
-    return {};
-}
+QString BluetoothDaemon::introspect(const QString &) const { return {}; }
 
 void BluetoothDaemon::reply(const QDBusMessage &message, const QVariantList &arguments)
 {
@@ -407,7 +400,8 @@ bool BluetoothDaemon::handleMessage(const QDBusMessage &message, const QDBusConn
         { deviceInterface + QStringLiteral(".Disconnect"), &BluetoothDaemon::disconnectDevice },
         { characteristicInterface + QStringLiteral(".ReadValue"), &BluetoothDaemon::readValue },
         { characteristicInterface + QStringLiteral(".WriteValue"), &BluetoothDaemon::writeValue },
-        { characteristicInterface + QStringLiteral(".StartNotify"), &BluetoothDaemon::setNotifying },
+        { characteristicInterface + QStringLiteral(".StartNotify"),
+          &BluetoothDaemon::setNotifying },
         { characteristicInterface + QStringLiteral(".StopNotify"), &BluetoothDaemon::setNotifying },
         { descriptorInterface + QStringLiteral(".ReadValue"), &BluetoothDaemon::readValue },
     };
@@ -441,9 +435,8 @@ void BluetoothDaemon::getProperty(const QDBusMessage &message)
 
 void BluetoothDaemon::getAllProperties(const QDBusMessage &message)
 {
-    reply(message,
-          { m_objects.value(QDBusObjectPath(message.path()))
-                    .value(message.arguments().value(0).toString()) });
+    reply(message, { m_objects.value(QDBusObjectPath(message.path()))
+                             .value(message.arguments().value(0).toString()) });
 }
 
 void BluetoothDaemon::getManagedObjects(const QDBusMessage &message)
@@ -451,10 +444,7 @@ void BluetoothDaemon::getManagedObjects(const QDBusMessage &message)
     reply(message, { QVariant::fromValue(m_objects) });
 }
 
-void BluetoothDaemon::accept(const QDBusMessage &message)
-{
-    reply(message);
-}
+void BluetoothDaemon::accept(const QDBusMessage &message) { reply(message); }
 
 void BluetoothDaemon::startDiscovery(const QDBusMessage &message)
 {
@@ -511,13 +501,13 @@ void BluetoothDaemon::finishConnect(Device *device)
     }
     device->connected = true;
     changeProperties(device->path, deviceInterface, { { connectedKey, true } });
+    const auto pending = std::exchange(device->pendingConnects, {});
+    for (const QDBusMessage &message : pending)
+        reply(message);
     if (device->light.connect == Light::Connect::Abort) {
         dropLink(device);
         return;
     }
-    const auto pending = std::exchange(device->pendingConnects, {});
-    for (const QDBusMessage &message : pending)
-        reply(message);
     if (!device->light.resolve)
         return;
     exportServices(device);

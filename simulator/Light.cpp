@@ -57,10 +57,7 @@ const TypeCode *codeOf(int type)
     return code == std::end(typeCodes) ? nullptr : code;
 }
 
-QByteArray addressBytes(const QString &address)
-{
-    return QByteArray::fromHex(address.toLatin1());
-}
+QByteArray addressBytes(const QString &address) { return QByteArray::fromHex(address.toLatin1()); }
 
 bool isHex(const QString &text)
 {
@@ -194,7 +191,8 @@ const QHash<QString, Setting> &settings()
             QStringLiteral("a list of characteristic flags") } },
         { QStringLiteral("type"),
           { setType, QStringLiteral("one of 1, 2, 3, 5, 6, 7, 162, 163 and 1001") } },
-        { QStringLiteral("manufacturer"), { setManufacturer, QStringLiteral("hexadecimal pairs") } },
+        { QStringLiteral("manufacturer"),
+          { setManufacturer, QStringLiteral("hexadecimal pairs") } },
         { QStringLiteral("company"), { setCompany, QStringLiteral("a number up to 65535") } },
         { QStringLiteral("connect"),
           { setConnect, QStringLiteral("\"accept\", \"refuse\", \"hang\" or \"abort\"") } },
@@ -274,7 +272,7 @@ QList<GattService> Light::services() const
     if (authentication) {
         all.append({ vendorUuid("f000ffc0"),
                      { { vendorUuid("f000ffc1"), { writeFlag, notifyFlag }, { configurationUuid } },
-                       { vendorUuid("f000ffc2"), { commandFlag }, {} } } });
+                       { vendorUuid("f000ffc2"), { readFlag, commandFlag }, {} } } });
     }
 
     const auto omitted = [this](const QString &uuid) {
@@ -291,7 +289,7 @@ QList<GattService> Light::services() const
                 continue;
             characteristic.descriptors.removeIf(omitted);
             const bool writable = characteristic.flags.contains(writeFlag)
-                    || characteristic.flags.contains(commandFlag);
+                                  || characteristic.flags.contains(commandFlag);
             if (writable && !writeFlags.isEmpty()) {
                 characteristic.flags.removeAll(writeFlag);
                 characteristic.flags.removeAll(commandFlag);

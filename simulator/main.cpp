@@ -25,8 +25,8 @@ constexpr int signalBase = 128;
 
 volatile sig_atomic_t commandPid = 0;
 
-// A terminal signals the command by itself; what was sent to this process alone is handed on. Either
-// way this process stays until the command has ended.
+// A terminal signals the command by itself; what was sent to this process alone is handed on.
+// Either way this process stays until the command has ended.
 void handOn(int signal, siginfo_t *info, void *)
 {
     if (info->si_code <= 0 && commandPid > 0)
@@ -112,7 +112,7 @@ struct Options
     int scanPenalty = 0;
 };
 
-Options parse(QCommandLineParser &parser, QString *error)
+Options readOptions(const QCommandLineParser &parser, QString *error)
 {
     Options options;
     options.command = parser.positionalArguments();
@@ -165,12 +165,10 @@ int runCommand(const Options &options, const QString &busAddress)
     command.setInputChannelMode(QProcess::ForwardedInputChannel);
     command.setChildProcessModifier(endWithParent);
 
-    QObject::connect(&command, &QProcess::finished, qApp,
-                     [](int status, QProcess::ExitStatus how) {
-                         commandPid = 0;
-                         QCoreApplication::exit(how == QProcess::NormalExit ? status
-                                                                            : signalBase + status);
-                     });
+    QObject::connect(&command, &QProcess::finished, qApp, [](int status, QProcess::ExitStatus how) {
+        commandPid = 0;
+        QCoreApplication::exit(how == QProcess::NormalExit ? status : signalBase + status);
+    });
     handSignalsOn();
     command.start(words.first(), words.mid(1));
     if (!command.waitForStarted()) {
@@ -219,9 +217,10 @@ int main(int argc, char *argv[])
     QCommandLineParser parser;
     parser.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsPositionalArguments);
     parser.setApplicationDescription(
-            QStringLiteral("Runs COMMAND among virtual lights, on a bus of its own, and ends with its "
-                           "exit status.\nThe machine's own bus and adapter are never touched.\n\n"
-                           "From inside COMMAND, `corvelkx-lights ctl ORDER...` gives orders:")
+            QStringLiteral(
+                    "Runs COMMAND among virtual lights, on a bus of its own, and ends with its "
+                    "exit status.\nThe machine's own bus and adapter are never touched.\n\n"
+                    "From inside COMMAND, `corvelkx-lights ctl ORDER...` gives orders:")
             + orderSummary());
     parser.addHelpOption();
     parser.addVersionOption();
@@ -240,7 +239,12 @@ int main(int argc, char *argv[])
     });
     parser.addPositionalArgument(QStringLiteral("COMMAND"), QStringLiteral("What to run."),
                                  QStringLiteral("-- COMMAND..."));
-    parser.process(app);
+    if (!parser.parse(QCoreApplication::arguments()))
+        return complain(parser.errorText(), usageError);
+    if (parser.isSet(QStringLiteral("version")))
+        parser.showVersion();
+    if (parser.isSet(QStringLiteral("help")))
+        parser.showHelp();
 
     const QStringList words = parser.positionalArguments();
     if (words.value(0) == QLatin1String("ctl")) {
@@ -250,7 +254,7 @@ int main(int argc, char *argv[])
     }
 
     QString error;
-    const Options options = parse(parser, &error);
+    const Options options = readOptions(parser, &error);
     if (!error.isEmpty())
         return complain(error, usageError);
     return serve(options);

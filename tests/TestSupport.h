@@ -1,0 +1,57 @@
+#pragma once
+
+#include <QMutex>
+#include <QObject>
+#include <QStringList>
+#include <QVariantList>
+
+#include <functional>
+
+/*!
+    Runs the event loop until \a done holds, and returns whether it did in time. It is asked after
+    each round of events, so that nothing is waited for longer than it takes.
+*/
+bool waitFor(const std::function<bool()> &done);
+
+/*! Records what is logged in the default category, on any thread, as long as it lives. */
+class LogRecorder
+{
+public:
+    LogRecorder();
+    ~LogRecorder();
+    Q_DISABLE_COPY_MOVE(LogRecorder)
+
+    QStringList lines() const;
+    /*! The lines that contain \a text. */
+    QStringList linesWith(const QString &text) const;
+    /*! The lines so far, which are forgotten. */
+    QStringList take();
+
+private:
+    static void record(QtMsgType type, const QMessageLogContext &context, const QString &message);
+
+    static LogRecorder *s_instance;
+    mutable QMutex m_mutex;
+    QStringList m_lines;
+    QtMessageHandler m_previous;
+};
+
+/*! The virtual lights that the test runs among. */
+class Lights : public QObject
+{
+    Q_OBJECT
+
+public:
+    Lights();
+
+    /*! Gives an order and returns the lines of the answer; a refused order fails the test. */
+    QStringList order(const QString &name, const QVariantList &arguments = {});
+    void set(const QString &address, const QString &key, const QString &value);
+    bool isConnected(const QString &address);
+    /*! "mode bytes" of each payload that the light was written, characteristics left out. */
+    QStringList payloads(const QString &address);
+
+private slots:
+    // Wakes the event loop of whoever waits for something to change over there.
+    void onPropertiesChanged() { }
+};

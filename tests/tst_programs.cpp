@@ -1,0 +1,424 @@
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <csignal>
+
+namespace {
+
+struct Result
+{
+    int status = -1;
+    QString out;
+    QString err;
+};
+
+const char hostFile[] = HOST_FILE;
+const char lightsFile[] = LIGHTS_FILE;
+constexpr int limit = 60000;
+
+Result run(const QString &program, const QStringList &words, const QByteArray &input = {},
+           const QStringList &environment = {})
+{
+    QProcess process;
+    QProcessEnvironment variables = QProcessEnvironment::systemEnvironment();
+    for (const QString &variable : environment)
+        variables.insert(variable.section(QLatin1Char('='), 0, 0),
+                         variable.section(QLatin1Char('='), 1));
+    process.setProcessEnvironment(variables);
+    process.start(program, words);
+    process.write(input);
+    process.closeWriteChannel();
+    if (!process.waitForFinished(limit))
+        return {};
+    return { process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -2,
+             QString::fromUtf8(process.readAllStandardOutput()),
+             QString::fromUtf8(process.readAllStandardError()) };
+}
+
+Result host(const QString &words, const QByteArray &input = {})
+{
+    return run(QString::fromLatin1(hostFile), words.split(QLatin1Char(' '), Qt::SkipEmptyParts),
+               input);
+}
+
+// Runs a shell script among virtual lights, with $HOST and $LIGHTS for the two programs.
+Result script(const QString &text, const QStringList &options = {})
+{
+    return run(QString::fromLatin1(lightsFile),
+               options
+                       + QStringList { QStringLiteral("--"), QStringLiteral("sh"),
+                                       QStringLiteral("-c"), text },
+               {},
+               { QStringLiteral("HOST=") + QLatin1String(hostFile),
+                 QStringLiteral("LIGHTS=") + QLatin1String(lightsFile) });
+}
+
+} // namespace
+
+// The two programs as a user types them.
+class TestPrograms : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void refusals_data();
+    void refusals();
+    void withoutBluetooth_data();
+    void withoutBluetooth();
+    void scanPrintsEachLightOnce();
+    void connectAndSend();
+    void listen();
+    void shell();
+    void demo();
+    void json();
+    void interruptionLeavesNoLink_data();
+    void interruptionLeavesNoLink();
+    void namesDoNotMoveTheCursor();
+    void describedLights();
+    void nonsenseLights_data();
+    void nonsenseLights();
+    void lightsLeaveNothingBehind();
+};
+
+void TestPrograms::refusals_data()
+{
+    QTest::addColumn<QString>("words");
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QString>("sentence");
+    const auto row = [](const char *words, int status, const char *sentence) {
+        QTest::newRow(words) << QString::fromLatin1(words) << status
+                             << QString::fromLatin1(sentence);
+    };
+    row("", 2, "There is no command; try --help.");
+    row("dance", 2, "\"dance\" is no command; try --help.");
+    row("scan now", 2, "scan takes no more words.");
+    row("connect", 2, "connect needs an address.");
+    row("send C0:FF:EE:00:00:01", 2, "send needs an address and a payload.");
+    row("--nonsense scan", 2, "Unknown option 'nonsense'.");
+    row("--timeout soon scan", 2, "--timeout takes a number of seconds.");
+    row("--timeout nan scan", 2, "--timeout takes a number of seconds.");
+    row("--count 0 listen C0:FF:EE:00:00:01", 2, "--count takes a number of messages.");
+    row("--simulate connect C0:FF:EE:00:00", 2,
+        "\"C0:FF:EE:00:00\" is not an address; one is six "
+        "hexadecimal pairs separated by colons.");
+    row("--simulate send C0:FF:EE:00:00:01 abc", 2,
+        "\"abc\" is no payload; one is a row of hexadecimal pairs.");
+    row("--simulate send C0:FF:EE:00:00:01 0x01", 2,
+        "\"0x01\" is no payload; one is a row of hexadecimal pairs.");
+    row("--plugin /nowhere scan", 1,
+        "The plugin /nowhere cannot be loaded: The shared library was not found.");
+    row("--plugin " HOST_FILE " scan", 1, "The plugin " HOST_FILE " cannot be loaded: ");
+    row("--simulate --timeout 1 connect 11:22:33:44:55:66", 1, "11:22:33:44:55:66 was not seen; ");
+    row("--lights /nowhere scan", 2, "/nowhere: No such file or directory");
+}
+
+void TestPrograms::refusals()
+{
+    QFETCH(QString, words);
+    QFETCH(int, status);
+    QFETCH(QString, sentence);
+    const Result result = host(words);
+    QCOMPARE(result.status, status);
+    QCOMPARE(result.out, QString());
+    QCOMPARE(result.err.count(QLatin1Char('\n')), 1);
+    QVERIFY2(result.err.contains(sentence), qPrintable(result.err));
+}
+
+void TestPrograms::withoutBluetooth_data()
+{
+    QTest::addColumn<QString>("preparation");
+    QTest::addColumn<QString>("sentence");
+    const QString none = QStringLiteral("No Bluetooth adapter can be used: there is none, or the "
+                                        "Bluetooth service does not run.");
+    QTest::newRow("no adapter") << QStringLiteral("$LIGHTS ctl adapter remove") << none;
+    QTest::newRow("adapter off") << QStringLiteral("$LIGHTS ctl adapter off")
+                                 << QStringLiteral("The Bluetooth adapter is switched off.");
+    QTest::newRow("no service") << QStringLiteral("$LIGHTS ctl daemon kill") << none;
+    QTest::newRow("no bus") << QStringLiteral("export DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nowhere")
+                            << none;
+    QTest::newRow("no simulation") << QStringLiteral("unset CORVELKX_LIGHTS; "
+                                                     "export DBUS_SYSTEM_BUS_ADDRESS=unix:path=/no")
+                                   << none + QLatin1String(" Try --simulate for virtual lights.");
+}
+
+void TestPrograms::withoutBluetooth()
+{
+    QFETCH(QString, preparation);
+    QFETCH(QString, sentence);
+    for (const char *command : { "scan", "demo", "connect C0:FF:EE:00:00:01" }) {
+        const Result result = script(preparation + QLatin1String("; $HOST ")
+                                     + QLatin1String(command) + QLatin1String("; echo status $?"));
+        QCOMPARE(result.err, QLatin1String("corvelkx-host: ") + sentence + QLatin1Char('\n'));
+        QVERIFY2(result.out.endsWith(QLatin1String("status 1\n")), qPrintable(result.out));
+    }
+}
+
+void TestPrograms::scanPrintsEachLightOnce()
+{
+    const Result result = host(QStringLiteral("--simulate --for 1 scan"));
+    QCOMPARE(result.status, 0);
+    QCOMPARE(result.err, QString());
+    QCOMPARE(result.out, QStringLiteral("   1  C0:FF:EE:00:00:01  Corvel light(0001)\n"
+                                        "   2  C0:FF:EE:00:00:02  Corvel light(0002)\n"
+                                        "   3  C0:FF:EE:00:00:03  Corvel light(DM41)\n"
+                                        "   5  C0:FF:EE:00:00:05  Corvel light(Hall)\n"
+                                        "   6  C0:FF:EE:00:00:06  Corvel light(0006)\n"
+                                        "   7  C0:FF:EE:00:00:07  Corvel light(Studio)\n"
+                                        " 162  C0:FF:EE:00:00:A2  Corvel light(00A2)\n"
+                                        " 163  C0:FF:EE:00:00:A3  Corvel light(Roof)\n"
+                                        "1001  C0:FF:EE:00:00:A7  Corvel J7300(00A7)\n"
+                                        "9 lights were found.\n"));
+}
+
+void TestPrograms::connectAndSend()
+{
+    const Result result = script(QStringLiteral(
+            "$HOST send c0:ff:ee:00:00:a3 00FF && $HOST connect C0:FF:EE:00:00:01 && "
+            "$LIGHTS ctl set C0:FF:EE:00:00:01 echo false && "
+            "$HOST --answer --timeout 1 send C0:FF:EE:00:00:01 aa; echo status $?; "
+            "$LIGHTS ctl written C0:FF:EE:00:00:A3 | sort; $LIGHTS ctl connected; "
+            "$LIGHTS ctl set C0:FF:EE:00:00:01 connect hang; "
+            "$HOST --timeout 1 connect C0:FF:EE:00:00:01; echo status $?"));
+    QCOMPARE(result.status, 0);
+    QCOMPARE(result.out, QStringLiteral("C0:FF:EE:00:00:A3 is ready\n"
+                                        "C0:FF:EE:00:00:A3 was sent 00ff\n"
+                                        "C0:FF:EE:00:00:A3 says 00ff\n"
+                                        "C0:FF:EE:00:00:A3 is gone\n"
+                                        "C0:FF:EE:00:00:01 is ready\n"
+                                        "C0:FF:EE:00:00:01 is gone\n"
+                                        "C0:FF:EE:00:00:01 is ready\n"
+                                        "C0:FF:EE:00:00:01 was sent aa\n"
+                                        "C0:FF:EE:00:00:01 is gone\n"
+                                        "status 1\n"
+                                        "0000fff2-0000-1000-8000-00805f9b34fb command 00ff\n"
+                                        "f000ffc1-0451-4000-b000-000000000000 request 5c\n"
+                                        "status 1\n"));
+    QCOMPARE(result.err,
+             QStringLiteral("corvelkx-host: C0:FF:EE:00:00:01 did not answer.\n"
+                            "corvelkx-host: C0:FF:EE:00:00:01 did not become ready within 1 s.\n"));
+}
+
+void TestPrograms::listen()
+{
+    // The light goes in between; the host asks again by itself.
+    const Result result = script(QStringLiteral(
+            "$HOST --count 2 listen C0:FF:EE:00:00:01 | while read -r line; do echo \"$line\"; "
+            "case $line in *ready) n=$((n + 1)); $LIGHTS ctl notify C0:FF:EE:00:00:01 0$n;; "
+            "*01) $LIGHTS ctl drop C0:FF:EE:00:00:01;; esac; done"));
+    QCOMPARE(result.out, QStringLiteral("C0:FF:EE:00:00:01 is ready\n"
+                                        "C0:FF:EE:00:00:01 says 01\n"
+                                        "C0:FF:EE:00:00:01 is gone\n"
+                                        "C0:FF:EE:00:00:01 is ready\n"
+                                        "C0:FF:EE:00:00:01 says 02\n"
+                                        "C0:FF:EE:00:00:01 is gone\n"));
+    QCOMPARE(result.err, QString());
+}
+
+void TestPrograms::shell()
+{
+    const Result result = host(QStringLiteral("--simulate shell"),
+                               "# a comment\n"
+                               "scan 0.5\n"
+                               "connect c0:ff:ee:00:00:01 C0:FF:EE:00:00:A7\n"
+                               "send C0:FF:EE:00:00:01 01\n"
+                               "fly\n"
+                               "wait long\n"
+                               "send C0:FF:EE:00:00:01 1\n"
+                               "forget C0:FF:EE:00:00:01\n"
+                               "reconnect C0:FF:EE:00:00:01\n"
+                               "lights");
+    QCOMPARE(result.status, 1);
+    QCOMPARE(result.err,
+             QStringLiteral(
+                     "corvelkx-host: \"fly\" is no command of the shell; try help.\n"
+                     "corvelkx-host: \"long\" is not a number of seconds.\n"
+                     "corvelkx-host: \"1\" is no payload; one is a row of hexadecimal pairs.\n"
+                     "corvelkx-host: C0:FF:EE:00:00:01 is not known; scan for it first.\n"));
+    QStringList lines = result.out.split(QLatin1Char('\n'));
+    QCOMPARE(lines.filter(QStringLiteral("is ready")).size(), 2);
+    QCOMPARE(lines.filter(QStringLiteral("C0:FF:EE:00:00:01 says 01")).size(), 1);
+    QCOMPARE(lines.filter(QStringLiteral("is gone")).size(), 2);
+    QCOMPARE(lines.filter(QStringLiteral("1001  C0:FF:EE:00:00:A7  Corvel J7300(00A7)  ready"))
+                     .size(),
+             1);
+}
+
+void TestPrograms::demo()
+{
+    const Result result = host(QStringLiteral("--simulate demo"));
+    QCOMPARE(result.err, QString());
+    QCOMPARE(result.status, 0);
+    for (const char *line :
+         { "plugin  sigDeviceDiscovered 1001  C0:FF:EE:00:00:A7  Corvel J7300(00A7)",
+           "light   C0:FF:EE:00:00:03 got f000ffc1-0451-4000-b000-000000000000 request 5c",
+           "light   C0:FF:EE:00:00:02 got 0000c304-0000-1000-8000-00805f9b34fb request a502",
+           "plugin  sigMessageReceived C0:FF:EE:00:00:03 a503",
+           "light   C0:FF:EE:00:00:01 drops the link", "host    reconnectDevice(C0:FF:EE:00:00:01)",
+           "plugin  sigMessageReceived C0:FF:EE:00:00:01 a510",
+           "plugin  sigDeviceDisconnected C0:FF:EE:00:00:03" })
+        QVERIFY2(result.out.contains(QLatin1String("  ") + QLatin1String(line) + QLatin1Char('\n')),
+                 line);
+}
+
+void TestPrograms::json()
+{
+    const Result result = host(QStringLiteral("--simulate --json send C0:FF:EE:00:00:01 0102"));
+    QCOMPARE(result.status, 0);
+    QStringList events;
+    const auto lines = result.out.trimmed().split(QLatin1Char('\n'));
+    for (const QString &line : lines) {
+        const QJsonObject object = QJsonDocument::fromJson(line.toUtf8()).object();
+        QCOMPARE(object.value(QStringLiteral("address")).toString(),
+                 QStringLiteral("C0:FF:EE:00:00:01"));
+        events.append(object.value(QStringLiteral("event")).toString()
+                      + object.value(QStringLiteral("data")).toString());
+    }
+    QCOMPARE(events, QStringList({ QStringLiteral("ready"), QStringLiteral("sent0102"),
+                                   QStringLiteral("received0102"), QStringLiteral("gone") }));
+
+    const Result failed = host(QStringLiteral("--json connect x"));
+    const QJsonObject object = QJsonDocument::fromJson(failed.out.toUtf8()).object();
+    QCOMPARE(object.value(QStringLiteral("event")).toString(), QStringLiteral("error"));
+    QVERIFY(object.value(QStringLiteral("message")).toString().contains(QLatin1String("address")));
+}
+
+void TestPrograms::interruptionLeavesNoLink_data()
+{
+    QTest::addColumn<QString>("connect");
+    QTest::addColumn<QString>("event"); // what is waited for before the signal
+    QTest::addColumn<int>("signal");
+    QTest::newRow("ready") << QStringLiteral("accept") << QStringLiteral("is ready") << SIGINT;
+    QTest::newRow("ready, terminated")
+            << QStringLiteral("accept") << QStringLiteral("is ready") << SIGTERM;
+    QTest::newRow("connecting") << QStringLiteral("hang") << QStringLiteral("ConnectingState")
+                                << SIGINT;
+}
+
+void TestPrograms::interruptionLeavesNoLink()
+{
+    QFETCH(QString, connect);
+    QFETCH(QString, event);
+    QFETCH(int, signal);
+    const Result result = script(
+            QStringLiteral("$LIGHTS ctl set C0:FF:EE:00:00:01 connect %1; "
+                           "(sh -c 'echo $$; exec $HOST --log listen C0:FF:EE:00:00:01 2>&1'; "
+                           "echo status $?) | { read -r pid; while read -r line; do case $line in "
+                           "*'%2'*) kill -%3 $pid;; status*) echo $line;; esac; done; }; "
+                           "$LIGHTS ctl connected; $LIGHTS ctl calls | grep -c Device1.Disconnect")
+                    .arg(connect, event, QString::number(signal)));
+    QCOMPARE(result.out, QStringLiteral("status %1\n1\n").arg(128 + signal));
+}
+
+void TestPrograms::namesDoNotMoveTheCursor()
+{
+    const Result result = script(QStringLiteral("$HOST --for 0.5 scan"),
+                                 { QStringLiteral("--light"),
+                                   QStringLiteral(
+                                           "type=3,address=C0:FF:EE:00:00:01,name=\"Corvel light "
+                                           "%1\\u001b[2J\\u009b\\r\\n%n\"") });
+    QCOMPARE(result.out, QStringLiteral("   3  C0:FF:EE:00:00:01  Corvel light "
+                                        "%1\\u001b[2J\\u009b\\u000d\\u000a%n\n"
+                                        "1 light was found.\n"));
+}
+
+void TestPrograms::describedLights()
+{
+    QTemporaryDir directory;
+    QFile file(directory.filePath(QStringLiteral("lights.json")));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write("[ { \"type\": 162, \"address\": \"0A:00:00:00:00:01\", \"layout\": \"a002\" },\n"
+               "  { \"manufacturer\": \"3c050000a70000\", \"address\": \"0A:00:00:00:00:02\",\n"
+               "    \"name\": \"any\", \"latency\": 20 } ]\n");
+    file.close();
+    const Result result = host(QStringLiteral("--lights %1 connect 0A:00:00:00:00:01 "
+                                              "0A:00:00:00:00:02")
+                                       .arg(file.fileName()));
+    QCOMPARE(result.err, QString());
+    QCOMPARE(result.out.split(QLatin1Char('\n')).filter(QStringLiteral("is ready")).size(), 2);
+
+    const Result crowd = script(QStringLiteral("$HOST --for 2 scan | tail -n 1; "
+                                               "$LIGHTS ctl add '{\"address\": "
+                                               "\"0A:00:00:00:00:01\", \"type\": 1}'; "
+                                               "$LIGHTS ctl lights | wc -l"),
+                                { QStringLiteral("--crowd"), QStringLiteral("100") });
+    QCOMPARE(crowd.out, QStringLiteral("100 lights were found.\n101\n"));
+}
+
+void TestPrograms::nonsenseLights_data()
+{
+    QTest::addColumn<QByteArray>("text");
+    QTest::addColumn<QString>("reason");
+    const auto row = [](const char *text, const char *reason) {
+        QTest::newRow(QByteArray(text).simplified())
+                << QByteArray(text) << QString::fromLatin1(reason);
+    };
+    row("", ":1: illegal value");
+    row("[\n{\n\"type\": 1,,\n} ]", ":3: ");
+    row("{}", ": a light file is a list of lights");
+    row("[]", ": a light file is a list of lights");
+    row("[ 7 ]", ": light 1: a light is an object");
+    row("[ { \"type\": 1 } ]", ": light 1: \"address\" is missing");
+    row("[ { \"address\": \"0a:00:00:00:00:01\" } ]", ": light 1: \"address\" must be six ");
+    row("[ { \"type\": 4 } ]", ": light 1: \"type\" must be one of 1, 2, 3, 5, ");
+    row("[ { \"colour\": 4 } ]", ": light 1: there is no key \"colour\"; the keys are address, ");
+    row("[ { \"latency\": -1 } ]", ": light 1: \"latency\" must be a number of milliseconds");
+    row("[ { \"manufacturer\": \"3\" } ]", ": light 1: \"manufacturer\" must be hexadecimal pairs");
+    row("[ { \"address\": \"0A:00:00:00:00:01\" }, { \"address\": \"0A:00:00:00:00:01\" } ]",
+        ": light 2: 0A:00:00:00:00:01 is there twice");
+}
+
+void TestPrograms::nonsenseLights()
+{
+    QFETCH(QByteArray, text);
+    QFETCH(QString, reason);
+    QTemporaryDir directory;
+    QFile file(directory.filePath(QStringLiteral("lights.json")));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write(text);
+    file.close();
+    const Result result = run(QString::fromLatin1(lightsFile),
+                              { QStringLiteral("--lights"), file.fileName(), QStringLiteral("--"),
+                                QStringLiteral("true") });
+    QCOMPARE(result.status, 2);
+    QVERIFY2(result.err.startsWith(QLatin1String("corvelkx-lights: ") + file.fileName() + reason),
+             qPrintable(result.err));
+}
+
+void TestPrograms::lightsLeaveNothingBehind()
+{
+    QCOMPARE(script(QStringLiteral("exit 7")).status, 7);
+    QCOMPARE(script(QStringLiteral("kill -TERM $$")).status, 128 + SIGTERM);
+    QCOMPARE(run(QString::fromLatin1(lightsFile), { QStringLiteral("--"), QStringLiteral("/no") })
+                     .status,
+             127);
+
+    for (const int signal : { SIGINT, SIGTERM, SIGKILL }) {
+        // The command tells where the bus is, and holds on.
+        QProcess process;
+        process.start(QString::fromLatin1(lightsFile),
+                      { QStringLiteral("--"), QStringLiteral("sh"), QStringLiteral("-c"),
+                        QStringLiteral("echo $DBUS_SYSTEM_BUS_ADDRESS $$; exec sleep 600") });
+        QVERIFY(process.waitForReadyRead(limit));
+        const QString line = QString::fromLatin1(process.readLine()).trimmed();
+        const QString socket = line.section(QRegularExpression(QStringLiteral("[=, ]")), 1, 1);
+        const auto command = line.section(QLatin1Char(' '), 1).toInt();
+        QVERIFY(QFile::exists(socket));
+        QVERIFY(command > 0);
+        ::kill(static_cast<pid_t>(process.processId()), signal);
+        QVERIFY(process.waitForFinished(limit));
+        // What a killed program leaves is cleared away by others, a moment later.
+        const auto isGone = [&] {
+            return !QFile::exists(socket) && !QFile::exists(QFileInfo(socket).path())
+                   && (::kill(command, 0) != 0 || signal != SIGKILL);
+        };
+        QTRY_VERIFY_WITH_TIMEOUT(isGone(), limit);
+    }
+}
+
+QTEST_GUILESS_MAIN(TestPrograms)
+#include "tst_programs.moc"
