@@ -1,6 +1,5 @@
 # Links every target of ours: the language level, the warnings, the hardening.
 add_library(corvelkx_settings INTERFACE)
-target_compile_features(corvelkx_settings INTERFACE cxx_std_17)
 target_compile_definitions(corvelkx_settings INTERFACE
     QT_NO_CAST_FROM_ASCII
     QT_NO_CAST_TO_ASCII
@@ -8,6 +7,9 @@ target_compile_definitions(corvelkx_settings INTERFACE
     QT_STRICT_ITERATORS
     PROJECT_VERSION="${PROJECT_VERSION}")
 
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_CXX_VISIBILITY_PRESET hidden)
 set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)

@@ -20,7 +20,7 @@ void tell(int number)
 
 Interrupt::Interrupt(QObject *parent) : QObject(parent)
 {
-    if (pipe(m_pipe) != 0)
+    if (pipe(m_pipe.data()) != 0)
         qFatal("No pipe can be made.");
     writeEnd = m_pipe[1];
     auto *notifier = new QSocketNotifier(m_pipe[0], QSocketNotifier::Read, this);
@@ -28,7 +28,7 @@ Interrupt::Interrupt(QObject *parent) : QObject(parent)
         char byte = 0;
         if (read(m_pipe[0], &byte, 1) != 1)
             return;
-        m_signal = byte;
+        m_signal = static_cast<unsigned char>(byte);
         arm(SIG_DFL);
         emit interrupted();
     });

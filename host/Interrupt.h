@@ -2,6 +2,8 @@
 
 #include <QObject>
 
+#include <array>
+
 /*!
     Turns the signals that ask a program to end (interrupt, terminate, hang-up) into a Qt signal.
    The first one only tells; while it is being obeyed, another one ends the program at once.
@@ -26,5 +28,5 @@ private:
     void arm(void (*handler)(int));
 
     int m_signal = 0;
-    int m_pipe[2];
+    std::array<int, 2> m_pipe { -1, -1 };
 };

@@ -44,13 +44,13 @@ LineReader::LineReader(Session *session, Output *output, QObject *parent)
 
 LineReader::~LineReader() = default;
 
-void LineReader::hidePrompt()
+void LineReader::hidePrompt() const
 {
     if (m_isInteractive && m_isReading) [[maybe_unused]]
         const auto written = write(STDOUT_FILENO, "\r\033[K", 4);
 }
 
-void LineReader::showPrompt()
+void LineReader::showPrompt() const
 {
     if (!m_isInteractive || !m_isReading)
         return;

@@ -26,8 +26,8 @@ public:
 
 private:
     void readAvailable();
-    void hidePrompt();
-    void showPrompt();
+    void hidePrompt() const;
+    void showPrompt() const;
 
     Session *m_session;
     QByteArray m_buffer;

@@ -107,7 +107,8 @@ void Session::close(std::chrono::milliseconds limit)
     waitUntil([this] { return m_ready.isEmpty(); }, limit);
 }
 
-Session::Wait Session::waitUntil(const std::function<bool()> &done, std::chrono::milliseconds limit)
+Session::Wait Session::waitUntil(const std::function<bool()> &done,
+                                 std::chrono::milliseconds limit) const
 {
     QEventLoop loop;
     QTimer timer;

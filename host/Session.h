@@ -50,7 +50,7 @@ public:
     /*! Drops every link that was asked for and waits for it, for \a limit at the most. */
     void close(std::chrono::milliseconds limit);
 
-    Wait waitUntil(const std::function<bool()> &done, std::chrono::milliseconds limit);
+    Wait waitUntil(const std::function<bool()> &done, std::chrono::milliseconds limit) const;
     /*! Ends the wait that is going on and those to come, until resume(). */
     void interrupt();
     void resume() { m_isInterrupted = false; }

@@ -7,16 +7,15 @@
 void BLEManager::sendMessage(const QString &macAddr, const QByteArray &data)
 {
     // Silent on purpose: hosts send to lights that are just going or not ready yet.
-    const auto service = m_serviceMap.constFind(macAddr);
-    const auto bound = m_characteristicsMap.constFind(macAddr);
-    if (service == m_serviceMap.cend() || bound == m_characteristicsMap.cend())
+    if (!m_serviceMap.contains(macAddr) || !m_characteristicsMap.contains(macAddr))
         return;
-    if (!*service) {
+    QLowEnergyService *service = m_serviceMap.value(macAddr);
+    if (!service) {
         qCDebug(defaultLog) << "[BLEManager::sendMessage] service empty. mac address:" << macAddr;
         return;
     }
     // A copy: a write can fail at once, and the clean-up then empties the tables.
-    const QLowEnergyCharacteristic characteristic = *bound;
+    const QLowEnergyCharacteristic characteristic = m_characteristicsMap.value(macAddr);
     if (!characteristic.isValid()) {
         qCDebug(defaultLog) << "[BLEManager::sendMessage] characteristic faild. mac address:"
                             << macAddr;
@@ -25,7 +24,7 @@ void BLEManager::sendMessage(const QString &macAddr, const QByteArray &data)
     const auto mode = writeModeFor(characteristic.properties());
     if (!mode)
         return;
-    (*service)->writeCharacteristic(characteristic, data, *mode);
+    service->writeCharacteristic(characteristic, data, *mode);
     qCDebug(defaultLog) << "[BLEManager::sendMessage] macAddr:" << macAddr
                         << ", data:" << data.toHex() << ", characteristic uuid:"
                         << characteristic.uuid().toString(QUuid::WithBraces);
@@ -39,25 +38,24 @@ void BLEManager::checkAndSendAuthMsg(const QString &macAddr)
 
 void BLEManager::sendAuthMessage(const QString &macAddr, const QByteArray &data)
 {
-    const auto service = m_authServiceMap.constFind(macAddr);
-    if (service == m_authServiceMap.cend()) {
+    if (!m_authServiceMap.contains(macAddr)) {
         qCDebug(defaultLog) << "[BLEManager::sendAuthMessage] not found address.  address:"
                             << macAddr;
         return;
     }
-    if (!*service) {
+    QLowEnergyService *service = m_authServiceMap.value(macAddr);
+    if (!service) {
         qCDebug(defaultLog) << "[BLEManager::sendAuthMessage] not found authService.  address:"
                             << macAddr;
         return;
     }
-    const auto bound = m_authCharacteristicsMap.constFind(macAddr);
-    if (bound == m_authCharacteristicsMap.cend()) {
+    if (!m_authCharacteristicsMap.contains(macAddr)) {
         qCDebug(defaultLog) << "[BLEManager::sendAuthMessage] not contains characteristics. "
                                "address:"
                             << macAddr;
         return;
     }
-    const QLowEnergyCharacteristic characteristic = *bound;
+    const QLowEnergyCharacteristic characteristic = m_authCharacteristicsMap.value(macAddr);
     if (!characteristic.isValid()) {
         qCDebug(defaultLog) << "[BLEManager::sendAuthMessage] authCharacteristic not valid. "
                                "address:"
@@ -67,7 +65,7 @@ void BLEManager::sendAuthMessage(const QString &macAddr, const QByteArray &data)
     const auto mode = writeModeFor(characteristic.properties());
     if (!mode)
         return;
-    (*service)->writeCharacteristic(characteristic, data, *mode);
+    service->writeCharacteristic(characteristic, data, *mode);
     qCDebug(defaultLog) << "[BLEManager::sendAuthMessage] macAddr:" << macAddr
                         << ", data:" << data.toHex()
                         << ", authCharacteristic uuid:" << characteristic.uuid();

@@ -137,4 +137,4 @@ void CorvelKXBleDLL::slotMessageReceived(const QString &devAddr, const QByteArra
 }
 
 // The interface is a header alone; its meta-object code has to come in somewhere.
-#include "moc_CorvelKXBleInterface.cpp"
+#include "moc_CorvelKXBleInterface.cpp" // NOLINT(bugprone-suspicious-include)

@@ -59,8 +59,8 @@ private:
 
 } // namespace
 
-BluetoothDaemon::BluetoothDaemon(const QDBusConnection &bus, QObject *parent)
-    : QDBusVirtualObject(parent), m_bus(bus), m_root(new Root(this))
+BluetoothDaemon::BluetoothDaemon(QDBusConnection bus, QObject *parent)
+    : QDBusVirtualObject(parent), m_bus(std::move(bus)), m_root(new Root(this))
 {
     qDBusRegisterMetaType<Interfaces>();
     qDBusRegisterMetaType<ManagedObjects>();

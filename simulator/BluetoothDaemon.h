@@ -39,8 +39,8 @@ struct Device
     QList<QDBusMessage> pendingConnects;
     QList<QDBusMessage> pendingDisconnects;
     QMap<QString, GattCharacteristic> characteristics; //!< by object path
-    QStringList objects; //!< paths of the exported GATT objects
-    QStringList notifying; //!< paths of the characteristics that the central subscribed to
+    QStringList objects;                               //!< paths of the exported GATT objects
+    QStringList notifying;       //!< paths of the characteristics that the central subscribed to
     std::deque<Written> written; //!< the latest ones
     quint64 writtenCount = 0;
 };
@@ -59,7 +59,7 @@ class BluetoothDaemon : public QDBusVirtualObject
 public:
     enum class Leaving { Clean, Silent };
 
-    explicit BluetoothDaemon(const QDBusConnection &bus, QObject *parent = nullptr);
+    explicit BluetoothDaemon(QDBusConnection bus, QObject *parent = nullptr);
     ~BluetoothDaemon() override;
 
     /*! Takes the name org.bluez and shows an adapter that is switched on. */

@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <chrono>
 
-
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -23,12 +22,8 @@ class Burst : public QObject
 {
 public:
     Burst(BluetoothDaemon *daemon, Device *device, quint32 count, int size, int perSecond)
-        : QObject(device->link.get())
-        , m_daemon(daemon)
-        , m_device(device)
-        , m_count(count)
-        , m_perSecond(perSecond)
-        , m_value(size, '\0')
+        : QObject(device->link.get()), m_daemon(daemon), m_device(device), m_count(count),
+          m_perSecond(perSecond), m_value(size, '\0')
     {
         startTimer(perSecond ? 1 : 0, Qt::PreciseTimer);
     }
@@ -65,8 +60,8 @@ private:
 
 QString line(const Written &written)
 {
-    return QStringLiteral("%1 %2 %3").arg(written.characteristic, written.mode,
-                                          QString::fromLatin1(written.data.toHex()));
+    return QStringLiteral("%1 %2 %3")
+            .arg(written.characteristic, written.mode, QString::fromLatin1(written.data.toHex()));
 }
 
 bool isHex(const QString &text)
@@ -126,8 +121,8 @@ void Control::set(const QString &address, const QString &key, const QString &val
     if (!found)
         return;
     const QString wrong = key == QLatin1String("address")
-            ? QStringLiteral("an address cannot be changed")
-            : found->light.set(key, jsonValueFromText(value));
+                                  ? QStringLiteral("an address cannot be changed")
+                                  : found->light.set(key, jsonValueFromText(value));
     if (!wrong.isEmpty())
         fail(QStringLiteral("Nothing was changed: %1.").arg(wrong));
 }

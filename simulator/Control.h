@@ -25,7 +25,9 @@ class Control : public QObject, protected QDBusContext
 public:
     static constexpr QLatin1String service { "org.example.CorvelKXLights" };
     static constexpr QLatin1String path { "/org/example/CorvelKXLights" };
-    static constexpr QLatin1String interface { "org.example.CorvelKXLights1" };
+    static constexpr QLatin1String interface {
+        "org.example.CorvelKXLights1"
+    };
 
     explicit Control(BluetoothDaemon *daemon, QObject *parent = nullptr);
 

@@ -85,7 +85,7 @@ bool assignWords(QStringList &member, const QJsonValue &value)
     if (!value.isArray() && !value.isString())
         return false;
     QStringList texts;
-    for (const QJsonValue &word : words) {
+    for (const QJsonValue word : words) {
         if (!word.isString())
             return false;
         texts.append(word.toString());
@@ -229,7 +229,7 @@ QString Light::set(const QString &key, const QJsonValue &value)
 QString Light::apply(const QJsonObject &settings)
 {
     for (auto setting = settings.begin(); setting != settings.end(); ++setting) {
-        const QString error = set(setting.key(), setting.value());
+        QString error = set(setting.key(), setting.value());
         if (!error.isEmpty())
             return error;
     }
@@ -380,7 +380,7 @@ QList<Light> lightsFromFile(const QString &fileName, QString *error)
 
     QList<Light> lights;
     const QJsonArray array = document.array();
-    for (const QJsonValue &value : array) {
+    for (const QJsonValue value : array) {
         Light light;
         QString wrong = value.isObject() ? light.apply(value.toObject())
                                          : QStringLiteral("a light is an object");

@@ -38,13 +38,13 @@ struct Light
     bool authentication = false;
     bool advertising = true;
     bool echo = true;
-    int latency = 0; //!< ms from Connect to the link
+    int latency = 0;         //!< ms from Connect to the link
     int disconnectDelay = 0; //!< ms from Disconnect to the end of the link
     Connect connect = Connect::Accept;
     bool resolve = true;
     bool refuseReads = false;
     bool refuseWrites = false;
-    QStringList omit; //!< UUID prefixes of services, characteristics and descriptors left out
+    QStringList omit;       //!< UUID prefixes of services, characteristics and descriptors left out
     QStringList writeFlags; //!< in place of the layout's own, where not empty
 
     /*! Applies \a settings; returns what is wrong with them, or nothing. */
@@ -63,7 +63,8 @@ QList<Light> defaultLights();
 /*! \a count lights, of all the types in turn. */
 QList<Light> crowdOfLights(int count);
 /*!
-    Reads the light file \a fileName; on failure returns nothing and puts one sentence into \a error.
+    Reads the light file \a fileName; on failure returns nothing and puts one sentence into \a
+   error.
 */
 QList<Light> lightsFromFile(const QString &fileName, QString *error);
 /*! Reads a light from "key=value,key=value"; on failure puts one sentence into \a error. */

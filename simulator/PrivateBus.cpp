@@ -18,28 +18,25 @@ QByteArray configuration(const QString &socket)
            "<busconfig>\n"
            "  <type>session</type>\n"
            "  <listen>unix:path="
-            + QFile::encodeName(socket)
-            + "</listen>\n"
-              "  <auth>EXTERNAL</auth>\n"
-              "  <policy context=\"default\">\n"
-              "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
-              "    <allow eavesdrop=\"true\"/>\n"
-              "    <allow own=\"*\"/>\n"
-              "  </policy>\n"
-              "  <limit name=\"max_incoming_bytes\">1000000000</limit>\n"
-              "  <limit name=\"max_outgoing_bytes\">1000000000</limit>\n"
-              "  <limit name=\"max_message_size\">134000000</limit>\n"
-              "  <limit name=\"max_match_rules_per_connection\">100000</limit>\n"
-              "  <limit name=\"max_replies_per_connection\">100000</limit>\n"
-              "</busconfig>\n";
+           + QFile::encodeName(socket)
+           + "</listen>\n"
+             "  <auth>EXTERNAL</auth>\n"
+             "  <policy context=\"default\">\n"
+             "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
+             "    <allow eavesdrop=\"true\"/>\n"
+             "    <allow own=\"*\"/>\n"
+             "  </policy>\n"
+             "  <limit name=\"max_incoming_bytes\">1000000000</limit>\n"
+             "  <limit name=\"max_outgoing_bytes\">1000000000</limit>\n"
+             "  <limit name=\"max_message_size\">134000000</limit>\n"
+             "  <limit name=\"max_match_rules_per_connection\">100000</limit>\n"
+             "  <limit name=\"max_replies_per_connection\">100000</limit>\n"
+             "</busconfig>\n";
 }
 
 } // namespace
 
-void endWithParent()
-{
-    prctl(PR_SET_PDEATHSIG, SIGTERM);
-}
+void endWithParent() { prctl(PR_SET_PDEATHSIG, SIGTERM); }
 
 PrivateBus::PrivateBus() = default;
 

@@ -45,7 +45,7 @@ void TestRoad::init()
     m_manager->start();
     QVERIFY(waitFor([&] { return discovered.size() == 9; }));
     m_manager->stop();
-    m_announced = discovered;
+    m_announced = discovered.mid(0);
     m_log->take();
 }
 
