@@ -24,6 +24,10 @@ target_compile_options(corvelkx_settings INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion
     $<$<BOOL:${CORVELKX_WERROR}>:-Werror>
     -fstack-protector-strong)
+if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    # qCDebug() leaves its variadic part empty, which gcc takes for granted.
+    target_compile_options(corvelkx_settings INTERFACE -Wno-gnu-zero-variadic-macro-arguments)
+endif()
 if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
     target_link_options(corvelkx_settings INTERFACE
         -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,--as-needed)

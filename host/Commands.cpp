@@ -1,5 +1,6 @@
 #include "Commands.h"
 
+#include <QDeadlineTimer>
 #include <QMetaEnum>
 #include <QRegularExpression>
 #include <QTimer>
@@ -11,7 +12,8 @@ using std::chrono::seconds;
 
 namespace {
 
-// The plugin ends a scan by itself after 20 s; this only guards against one that never does.
+// The plugin ends a scan by itself; the longer time only guards against one that never does.
+constexpr seconds scanTime(20);
 constexpr seconds longestScan(25);
 constexpr seconds answerTime(1);
 // The program's end tells the signal; here it is just no success.
@@ -73,18 +75,18 @@ void printSignals(Session *session, Output *output)
     auto *plugin = session->plugin();
     QObject::connect(plugin, &CorvelKXBleInterface::sigDeviceConnected, output,
                      [output](const QString &address) {
-                         output->event(QStringLiteral("ready"), about(address),
-                                       address + QLatin1String(" is ready"));
+                         output->report(QStringLiteral("ready"), about(address),
+                                        address + QLatin1String(" is ready"));
                      });
     QObject::connect(plugin, &CorvelKXBleInterface::sigDeviceDisconnected, output,
                      [output](const QString &address) {
-                         output->event(QStringLiteral("gone"), about(address),
-                                       address + QLatin1String(" is gone"));
+                         output->report(QStringLiteral("gone"), about(address),
+                                        address + QLatin1String(" is gone"));
                      });
     QObject::connect(plugin, &CorvelKXBleInterface::sigMessageReceived, output,
                      [output](const QString &address, const QByteArray &data) {
-                         output->event(QStringLiteral("received"), about(address, data),
-                                       QStringLiteral("%1 says %2").arg(address, toHex(data)));
+                         output->report(QStringLiteral("received"), about(address, data),
+                                        QStringLiteral("%1 says %2").arg(address, toHex(data)));
                      });
 }
 
@@ -126,31 +128,28 @@ int Commands::checkScan()
 
 int Commands::scan()
 {
-    const milliseconds limit = m_waits.duration.value_or(longestScan);
-    QTimer live;
-    auto remaining = std::chrono::duration_cast<seconds>(m_waits.duration.value_or(seconds(20)));
-    const auto showRemaining = [&] {
-        m_output->live(QStringLiteral("scanning, %1 s left").arg(remaining.count()));
-        --remaining;
+    const QDeadlineTimer end(m_waits.duration.value_or(scanTime));
+    const auto showRemaining = [this, end] {
+        m_output->live(
+                QStringLiteral("scanning, %1 s left").arg((end.remainingTime() + 999) / 1000));
     };
-    QObject::connect(&live, &QTimer::timeout, m_output, showRemaining);
-
-    int count = 0;
+    QTimer live;
+    QObject::connect(&live, &QTimer::timeout, &live, showRemaining);
     QObject context;
-    QObject::connect(m_session, &Session::lightFound, &context, [&](const QString &address) {
+    QObject::connect(m_session, &Session::lightFound, &context, [this](const QString &address) {
         const Session::Found light = m_session->found().value(address);
-        m_output->event(QStringLiteral("found"),
-                        { { QStringLiteral("type"), light.type },
-                          { QStringLiteral("address"), address },
-                          { QStringLiteral("name"), light.name } },
-                        describe(*m_session, address));
-        ++count;
+        m_output->report(QStringLiteral("found"),
+                         { { QStringLiteral("type"), light.type },
+                           { QStringLiteral("address"), address },
+                           { QStringLiteral("name"), light.name } },
+                         describe(*m_session, address));
     });
 
     m_session->startScan();
     showRemaining();
     live.start(seconds(1));
-    const auto outcome = m_session->waitUntil([this] { return m_session->hasScanEnded(); }, limit);
+    const auto outcome = m_session->waitUntil([this] { return m_session->hasScanEnded(); },
+                                              m_waits.duration.value_or(longestScan));
     if (!m_session->hasScanEnded())
         m_session->stopScan();
     m_output->live({});
@@ -158,9 +157,10 @@ int Commands::scan()
         return interruptedStatus;
     if (const int status = checkScan())
         return status;
-    m_output->event(QStringLiteral("finished"), { { QStringLiteral("count"), count } },
-                    count == 1 ? QStringLiteral("1 light was found.")
-                               : QStringLiteral("%1 lights were found.").arg(count));
+    const auto count = m_session->seenCount();
+    m_output->report(QStringLiteral("finished"), { { QStringLiteral("count"), count } },
+                     count == 1 ? QStringLiteral("1 light was found.")
+                                : QStringLiteral("%1 lights were found.").arg(count));
     return EXIT_SUCCESS;
 }
 
@@ -245,8 +245,8 @@ int Commands::send(const QString &address, const QString &hex)
 
     const quint64 before = m_session->receivedFrom(address);
     m_session->plugin()->sendMessage(address, *data);
-    m_output->event(QStringLiteral("sent"), about(address, *data),
-                    QStringLiteral("%1 was sent %2").arg(address, toHex(*data)));
+    m_output->report(QStringLiteral("sent"), about(address, *data),
+                     QStringLiteral("%1 was sent %2").arg(address, toHex(*data)));
     const auto outcome = m_session->waitUntil(
             [&] {
                 return m_session->receivedFrom(address) > before || !m_session->isReady(address);

@@ -55,14 +55,14 @@ bool Demo::run()
 
 void Demo::chapter(const QString &title)
 {
-    m_output->event(QStringLiteral("chapter"), { { QStringLiteral("title"), title } },
-                    QLatin1Char('\n') + m_output->bold(title));
+    m_output->report(QStringLiteral("chapter"), { { QStringLiteral("title"), title } },
+                     QLatin1Char('\n') + m_output->bold(title));
 }
 
 void Demo::tell(const QString &who, const QString &what)
 {
-    m_output->event(who, { { QStringLiteral("what"), what } },
-                    QStringLiteral("  %1 %2").arg(m_output->faint(who.leftJustified(7)), what));
+    m_output->report(who, { { QStringLiteral("what"), what } },
+                     QStringLiteral("  %1 %2").arg(m_output->faint(who.leftJustified(7)), what));
 }
 
 bool Demo::wait(const std::function<bool()> &done, const QString &complaint)

@@ -14,20 +14,13 @@ namespace {
 
 constexpr char prompt[] = "lights> ";
 
-// Filled by the editing library's callback, which knows no object.
-QByteArray editedInput;
-bool editedEnd = false;
-
 #ifdef HAVE_LIBEDIT
+// The editing library's callback knows no object.
+LineReader *activeReader = nullptr;
+
 void takeEditedLine(char *text)
 {
-    if (!text) {
-        editedEnd = true;
-        return;
-    }
-    if (*text)
-        add_history(text);
-    editedInput += QByteArray(text) + '\n';
+    activeReader->take(text);
     free(text);
 }
 #endif
@@ -61,12 +54,25 @@ void LineReader::showPrompt() const
 #endif
 }
 
+void LineReader::take(const char *editedLine)
+{
+    if (!editedLine) {
+        m_hasEnded = true;
+        return;
+    }
+    m_buffer += editedLine;
+    m_buffer += '\n';
+#ifdef HAVE_LIBEDIT
+    if (*editedLine)
+        add_history(editedLine);
+#endif
+}
+
 void LineReader::readAvailable()
 {
 #ifdef HAVE_LIBEDIT
     if (m_isInteractive) {
         rl_callback_read_char();
-        m_buffer += std::exchange(editedInput, {});
         emit m_session->changed();
         return;
     }
@@ -76,7 +82,7 @@ void LineReader::readAvailable()
     if (count > 0)
         m_buffer.append(bytes, count);
     else
-        editedEnd = true;
+        m_hasEnded = true;
     emit m_session->changed();
 }
 
@@ -84,14 +90,16 @@ std::optional<QString> LineReader::read()
 {
     m_isReading = true;
 #ifdef HAVE_LIBEDIT
-    if (m_isInteractive)
+    if (m_isInteractive) {
+        activeReader = this;
         rl_callback_handler_install(prompt, takeEditedLine);
+    }
 #else
     showPrompt();
 #endif
     QSocketNotifier notifier(STDIN_FILENO, QSocketNotifier::Read);
     connect(&notifier, &QSocketNotifier::activated, this, &LineReader::readAvailable);
-    m_session->waitUntil([this] { return m_buffer.contains('\n') || editedEnd; }, unlimited);
+    m_session->waitUntil([this] { return m_buffer.contains('\n') || m_hasEnded; }, unlimited);
 #ifdef HAVE_LIBEDIT
     if (m_isInteractive)
         rl_callback_handler_remove();
@@ -102,7 +110,8 @@ std::optional<QString> LineReader::read()
     if (end < 0) {
         // A last line without an end counts, unless the user interrupted.
         const QByteArray rest = std::exchange(m_buffer, {});
-        return editedEnd && !rest.isEmpty() ? std::optional(QString::fromUtf8(rest)) : std::nullopt;
+        return m_hasEnded && !rest.isEmpty() ? std::optional(QString::fromUtf8(rest))
+                                             : std::nullopt;
     }
     const QString line = QString::fromUtf8(m_buffer.left(end));
     m_buffer.remove(0, end + 1);

@@ -24,6 +24,9 @@ public:
     /*! The next line, or nothing at the end of the input and on an interruption. */
     std::optional<QString> read();
 
+    /*! Takes a line from the editing library; null is the end of the input. */
+    void take(const char *editedLine);
+
 private:
     void readAvailable();
     void hidePrompt() const;
@@ -33,4 +36,5 @@ private:
     QByteArray m_buffer;
     bool m_isInteractive;
     bool m_isReading = false;
+    bool m_hasEnded = false;
 };

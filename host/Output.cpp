@@ -13,7 +13,7 @@ Output::Output(QObject *parent)
     m_out.open(stdout, QIODevice::WriteOnly);
 }
 
-void Output::event(const QString &name, const QJsonObject &fields, const QString &text)
+void Output::report(const QString &name, const QJsonObject &fields, const QString &text)
 {
     if (!m_json) {
         line(text.toUtf8());
@@ -33,7 +33,7 @@ void Output::say(const QString &text)
 void Output::complain(const QString &sentence)
 {
     if (m_json)
-        event(QStringLiteral("error"), { { QStringLiteral("message"), sentence } }, {});
+        report(QStringLiteral("error"), { { QStringLiteral("message"), sentence } }, {});
     live({});
     QTextStream(stderr) << "corvelkx-host: " << sentence << Qt::endl;
 }

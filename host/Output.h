@@ -22,7 +22,7 @@ public:
     bool isTerminal() const { return m_isTerminal; }
 
     /*! Prints \a text, or the object \a fields with the key "event" set to \a name. */
-    void event(const QString &name, const QJsonObject &fields, const QString &text);
+    void report(const QString &name, const QJsonObject &fields, const QString &text);
     /*! Prints \a text for people only. */
     void say(const QString &text);
     /*! Prints "corvelkx-host: sentence" to the standard error output, and an event for programs. */

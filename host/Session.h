@@ -56,6 +56,8 @@ public:
     void resume() { m_isInterrupted = false; }
 
     const QMap<QString, Found> &found() const { return m_found; }
+    /*! How many lights were announced since the scan began. */
+    qsizetype seenCount() const { return m_seenInScan.size(); }
     bool isReady(const QString &address) const { return m_ready.contains(address); }
     bool hasScanEnded() const { return m_hasScanEnded; }
     std::optional<QBluetoothDeviceDiscoveryAgent::Error> scanError() const { return m_scanError; }

@@ -33,8 +33,8 @@ public:
     {
         int status = EXIT_SUCCESS;
         while (const auto line = m_reader.read()) {
-            const QStringList words = line->split(QRegularExpression(QStringLiteral("\\s+")),
-                                                  Qt::SkipEmptyParts);
+            static const QRegularExpression space(QStringLiteral("\\s+"));
+            const QStringList words = line->split(space, Qt::SkipEmptyParts);
             if (words.isEmpty() || words.first().startsWith(QLatin1Char('#')))
                 continue;
             if (words.first() == QLatin1String("quit"))
@@ -125,13 +125,13 @@ private:
         for (const QString &address : addresses) {
             const bool ready = m_session->isReady(address);
             const Session::Found light = m_session->found().value(address);
-            m_output->event(QStringLiteral("light"),
-                            { { QStringLiteral("type"), light.type },
-                              { QStringLiteral("address"), address },
-                              { QStringLiteral("name"), light.name },
-                              { QStringLiteral("ready"), ready } },
-                            describe(*m_session, address)
-                                    + (ready ? QLatin1String("  ready") : QLatin1String()));
+            m_output->report(QStringLiteral("light"),
+                             { { QStringLiteral("type"), light.type },
+                               { QStringLiteral("address"), address },
+                               { QStringLiteral("name"), light.name },
+                               { QStringLiteral("ready"), ready } },
+                             describe(*m_session, address)
+                                     + (ready ? QLatin1String("  ready") : QLatin1String()));
         }
         return EXIT_SUCCESS;
     }

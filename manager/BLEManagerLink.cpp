@@ -94,15 +94,15 @@ void BLEManager::doDeviceDisconnected(const QString &macAddr, bool notify)
 
     qCDebug(defaultLog) << "[BLEManager::doDeviceDisconnected] m_reconnectDevMap ="
                         << m_reconnectDevMap;
-    const auto episode = m_reconnectDevMap.find(macAddr);
-    if (episode == m_reconnectDevMap.end())
+    if (!m_reconnectDevMap.contains(macAddr))
         return;
-    if (*episode >= maximumReconnects) {
-        m_reconnectDevMap.erase(episode);
+    const int number = m_reconnectDevMap.value(macAddr) + 1;
+    if (number > maximumReconnects) {
+        m_reconnectDevMap.remove(macAddr);
         return;
     }
-    ++*episode;
-    qCDebug(defaultLog) << "[BLEManager::doDeviceDisconnected], auto reconnect num: " << *episode;
+    m_reconnectDevMap.insert(macAddr, number);
+    qCDebug(defaultLog) << "[BLEManager::doDeviceDisconnected], auto reconnect num: " << number;
     connectToDevice(macAddr);
 }
 

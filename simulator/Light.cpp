@@ -85,7 +85,7 @@ bool assignWords(QStringList &member, const QJsonValue &value)
     if (!value.isArray() && !value.isString())
         return false;
     QStringList texts;
-    for (const QJsonValue word : words) {
+    for (const auto &word : words) {
         if (!word.isString())
             return false;
         texts.append(word.toString());
@@ -284,9 +284,10 @@ QList<GattService> Light::services() const
         if (omitted(service.uuid))
             continue;
         GattService kept { service.uuid, {} };
-        for (GattCharacteristic characteristic : service.characteristics) {
-            if (omitted(characteristic.uuid))
+        for (const GattCharacteristic &offered : service.characteristics) {
+            if (omitted(offered.uuid))
                 continue;
+            GattCharacteristic characteristic = offered;
             characteristic.descriptors.removeIf(omitted);
             const bool writable = characteristic.flags.contains(writeFlag)
                                   || characteristic.flags.contains(commandFlag);
@@ -380,7 +381,8 @@ QList<Light> lightsFromFile(const QString &fileName, QString *error)
 
     QList<Light> lights;
     const QJsonArray array = document.array();
-    for (const QJsonValue value : array) {
+    for (const auto &entry : array) {
+        const QJsonValue value = entry;
         Light light;
         QString wrong = value.isObject() ? light.apply(value.toObject())
                                          : QStringLiteral("a light is an object");

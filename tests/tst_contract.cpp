@@ -43,17 +43,16 @@ std::ptrdiff_t slotOf(Function function)
     return offset;
 }
 
-const QStringList signatures {
-    QStringLiteral("(int protocolType, QString %1, QString devName)"),
-    QStringLiteral("(QBluetoothDeviceDiscoveryAgent::Error error)"),
-    QStringLiteral("()"),
-    QStringLiteral("(QString %1)"),
-    QStringLiteral("(QString %1)"),
-    QStringLiteral("(QString %1, QByteArray data)"),
-};
-
 QStringList relays(const QStringList &names, const char *address)
 {
+    const QStringList signatures {
+        QStringLiteral("(int protocolType, QString %1, QString devName)"),
+        QStringLiteral("(QBluetoothDeviceDiscoveryAgent::Error error)"),
+        QStringLiteral("()"),
+        QStringLiteral("(QString %1)"),
+        QStringLiteral("(QString %1)"),
+        QStringLiteral("(QString %1, QByteArray data)"),
+    };
     QStringList all;
     for (int i = 0; i < names.size(); ++i)
         all.append(

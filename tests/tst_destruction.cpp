@@ -159,7 +159,7 @@ void TestDestruction::managerWithTwoLights()
 
     QList<QObject *> children = manager->findChildren<QObject *>(Qt::FindDirectChildrenOnly);
     QVERIFY(children.size() >= 6); // a scanner, two controllers, three services
-    QMap<QObject *, int> deaths;
+    QHash<QObject *, int> deaths;
     QObject context;
     for (QObject *child : std::as_const(children)) {
         deaths.insert(child, 0);
