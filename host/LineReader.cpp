@@ -92,6 +92,7 @@ std::optional<QString> LineReader::read()
 #ifdef HAVE_LIBEDIT
     if (m_isInteractive) {
         activeReader = this;
+        rl_catch_signals = 0; // they are the program's
         rl_callback_handler_install(prompt, takeEditedLine);
     }
 #else
@@ -104,6 +105,7 @@ std::optional<QString> LineReader::read()
     if (m_isInteractive)
         rl_callback_handler_remove();
 #endif
+    hidePrompt();
     m_isReading = false;
 
     const auto end = m_buffer.indexOf('\n');

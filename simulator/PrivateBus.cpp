@@ -90,7 +90,11 @@ bool PrivateBus::start()
     config.write(configuration(socket));
     config.close();
 
-    m_daemon.setChildProcessModifier(endWithParent);
+    m_daemon.setChildProcessModifier([] {
+        endWithParent();
+        // What a terminal sends to its programs is not meant for the bus.
+        setsid();
+    });
     m_daemon.start(QStringLiteral("dbus-daemon"),
                    { QStringLiteral("--config-file=") + config.fileName(),
                      QStringLiteral("--nofork"), QStringLiteral("--nopidfile"),
