@@ -179,6 +179,7 @@ void BluetoothDaemon::add(const Light &light)
 {
     auto device = std::make_unique<Device>();
     device->light = light;
+    device->original = light;
     device->path = adapterPath + QStringLiteral("/dev_")
                    + QString(light.address).replace(QLatin1Char(':'), QLatin1Char('_'));
     m_devices.push_back(std::move(device));

@@ -32,6 +32,7 @@ struct Written
 struct Device
 {
     Light light;
+    Light original; //!< as the light was described at first
     QString path;
     bool connected = false;
     //! Lives as long as the link, or the attempt at one: what is pending on it ends with it.

@@ -238,6 +238,7 @@ void Control::reset()
     m_daemon->resetCalls();
     const auto devices = m_daemon->devices();
     for (Device *device : devices) {
+        device->light = device->original;
         device->written.clear();
         device->writtenCount = 0;
     }

@@ -65,7 +65,7 @@ public slots:
     QStringList connected();
     /*! How often each D-Bus method was called since the start or the last "reset". */
     QStringList calls();
-    /*! Counts calls and payloads from zero again. */
+    /*! Makes the lights what they were described as, and counts calls and payloads from zero. */
     void reset();
     /*! Everything above as one JSON object. */
     QString report();

@@ -10,6 +10,8 @@
 #include <chrono>
 #include <utility>
 
+using Qt::StringLiterals::operator""_s;
+
 namespace {
 
 // Far more than anything takes, also under sanitizers on a busy machine.
@@ -73,18 +75,16 @@ QStringList LogRecorder::take()
 
 Lights::Lights()
 {
-    QDBusConnection::systemBus().connect(QStringLiteral("org.bluez"), QString(),
-                                         QStringLiteral("org.freedesktop.DBus.Properties"),
-                                         QStringLiteral("PropertiesChanged"), this,
-                                         SLOT(onPropertiesChanged()));
+    QDBusConnection::systemBus().connect(u"org.bluez"_s, QString(),
+                                         u"org.freedesktop.DBus.Properties"_s,
+                                         u"PropertiesChanged"_s, this, SLOT(onPropertiesChanged()));
 }
 
 QStringList Lights::order(const QString &name, const QVariantList &arguments)
 {
-    auto message = QDBusMessage::createMethodCall(QStringLiteral("org.example.CorvelKXLights"),
-                                                  QStringLiteral("/org/example/CorvelKXLights"),
-                                                  QStringLiteral("org.example.CorvelKXLights1"),
-                                                  name);
+    auto message = QDBusMessage::createMethodCall(u"org.example.CorvelKXLights"_s,
+                                                  u"/org/example/CorvelKXLights"_s,
+                                                  u"org.example.CorvelKXLights1"_s, name);
     message.setArguments(arguments);
     const QDBusMessage answer = QDBusConnection::systemBus().call(message);
     if (answer.type() != QDBusMessage::ReplyMessage)
@@ -95,17 +95,22 @@ QStringList Lights::order(const QString &name, const QVariantList &arguments)
 
 void Lights::set(const QString &address, const QString &key, const QString &value)
 {
-    order(QStringLiteral("set"), { address, key, value });
+    order(u"set"_s, { address, key, value });
 }
 
-bool Lights::isConnected(const QString &address)
+void Lights::restore()
 {
-    return order(QStringLiteral("connected")).contains(address);
+    order(u"adapter"_s, { u"return"_s });
+    order(u"adapter"_s, { u"on"_s });
+    QVERIFY(waitFor([this] { return order(u"connected"_s).isEmpty(); }));
+    order(u"reset"_s);
 }
+
+bool Lights::isConnected(const QString &address) { return order(u"connected"_s).contains(address); }
 
 QStringList Lights::payloads(const QString &address)
 {
-    QStringList payloads = order(QStringLiteral("written"), { address });
+    QStringList payloads = order(u"written"_s, { address });
     for (QString &payload : payloads)
         payload = payload.section(QLatin1Char(' '), 1);
     return payloads;

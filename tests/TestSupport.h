@@ -47,6 +47,8 @@ public:
     /*! Gives an order and returns the lines of the answer; a refused order fails the test. */
     QStringList order(const QString &name, const QVariantList &arguments = {});
     void set(const QString &address, const QString &key, const QString &value);
+    /*! Waits until no light is connected, and makes all as it was at first. */
+    void restore();
     bool isConnected(const QString &address);
     /*! "mode bytes" of each payload that the light was written, characteristics left out. */
     QStringList payloads(const QString &address);

@@ -15,6 +15,8 @@
 #include <cstring>
 #include <memory>
 
+using Qt::StringLiterals::operator""_s;
+
 namespace {
 
 const char light[] = "C0:FF:EE:00:00:03";
@@ -28,8 +30,8 @@ QStringList methodsOf(const QMetaObject &meta)
         for (int p = 0; p < method.parameterCount(); ++p)
             parameters.append(QString::fromLatin1(method.parameterTypeName(p) + ' '
                                                   + method.parameterNames().at(p)));
-        methods.append(QStringLiteral("%1(%2)").arg(QString::fromLatin1(method.name()),
-                                                    parameters.join(QLatin1String(", "))));
+        methods.append(u"%1(%2)"_s.arg(QString::fromLatin1(method.name()),
+                                       parameters.join(QLatin1String(", "))));
     }
     return methods;
 }
@@ -46,12 +48,12 @@ std::ptrdiff_t slotOf(Function function)
 QStringList relays(const QStringList &names, const char *address)
 {
     const QStringList signatures {
-        QStringLiteral("(int protocolType, QString %1, QString devName)"),
-        QStringLiteral("(QBluetoothDeviceDiscoveryAgent::Error error)"),
-        QStringLiteral("()"),
-        QStringLiteral("(QString %1)"),
-        QStringLiteral("(QString %1)"),
-        QStringLiteral("(QString %1, QByteArray data)"),
+        u"(int protocolType, QString %1, QString devName)"_s,
+        u"(QBluetoothDeviceDiscoveryAgent::Error error)"_s,
+        u"()"_s,
+        u"(QString %1)"_s,
+        u"(QString %1)"_s,
+        u"(QString %1, QByteArray data)"_s,
     };
     QStringList all;
     for (int i = 0; i < names.size(); ++i)
@@ -90,11 +92,9 @@ void TestContract::metadata()
 {
     const QJsonObject meta = m_loader.metaData();
     QVERIFY(!m_loader.isLoaded());
-    QCOMPARE(meta.value(QStringLiteral("IID")).toString(),
-             QStringLiteral("org.example.CorvelKXBleInterface"));
-    QCOMPARE(meta.value(QStringLiteral("className")).toString(), QStringLiteral("CorvelKXBleDLL"));
-    QVERIFY(!meta.contains(QStringLiteral("MetaData"))
-            || meta.value(QStringLiteral("MetaData")).toObject().isEmpty());
+    QCOMPARE(meta.value(u"IID"_s).toString(), u"org.example.CorvelKXBleInterface"_s);
+    QCOMPARE(meta.value(u"className"_s).toString(), u"CorvelKXBleDLL"_s);
+    QVERIFY(!meta.contains(u"MetaData"_s) || meta.value(u"MetaData"_s).toObject().isEmpty());
 
     QLibrary library(QStringLiteral(PLUGIN_FILE));
     const auto query = reinterpret_cast<QPluginMetaData (*)()>(
@@ -108,53 +108,46 @@ void TestContract::metadata()
     QCOMPARE(int(bytes[2]), QT_VERSION_MINOR);
     QCborStreamReader reader(bytes + 4, 53);
     const QCborMap map = QCborValue::fromCbor(reader).toMap();
-    QCOMPARE(map, QCborMap({ { 2, QStringLiteral("org.example.CorvelKXBleInterface") },
-                             { 3, QStringLiteral("CorvelKXBleDLL") } }));
+    QCOMPARE(map, QCborMap({ { 2, u"org.example.CorvelKXBleInterface"_s },
+                             { 3, u"CorvelKXBleDLL"_s } }));
     QCOMPARE(bytes[56], '\xFF');
 }
 
 void TestContract::shape()
 {
     const QStringList interfaceSignals = {
-        QStringLiteral("sigDeviceDiscovered"),
-        QStringLiteral("sigDeviceDiscoveredErrorOccurred"),
-        QStringLiteral("sigDeviceDiscoveredFinished"),
-        QStringLiteral("sigDeviceConnected"),
-        QStringLiteral("sigDeviceDisconnected"),
-        QStringLiteral("sigMessageReceived"),
+        u"sigDeviceDiscovered"_s,         u"sigDeviceDiscoveredErrorOccurred"_s,
+        u"sigDeviceDiscoveredFinished"_s, u"sigDeviceConnected"_s,
+        u"sigDeviceDisconnected"_s,       u"sigMessageReceived"_s,
     };
     const auto plugin = create();
     QCOMPARE(methodsOf(*plugin->metaObject()->superClass()), relays(interfaceSignals, "devAddr"));
     QCOMPARE(methodsOf(*plugin->metaObject()),
-             relays({ QStringLiteral("slotDeviceDiscovered"),
-                      QStringLiteral("slotDeviceDiscoveredErrorOccurred"),
-                      QStringLiteral("slotDeviceDiscvoeredFinished"),
-                      QStringLiteral("slotDeviceConnected"),
-                      QStringLiteral("slotDeviceDisconnected"),
-                      QStringLiteral("slotMessageReceived") },
+             relays({ u"slotDeviceDiscovered"_s, u"slotDeviceDiscoveredErrorOccurred"_s,
+                      u"slotDeviceDiscvoeredFinished"_s, u"slotDeviceConnected"_s,
+                      u"slotDeviceDisconnected"_s, u"slotMessageReceived"_s },
                     "devAddr"));
 
     const QStringList own = {
-        QStringLiteral("slotDeviceDiscovered(QBluetoothDeviceInfo devInfo)"),
-        QStringLiteral("slotDeviceConnected()"),
-        QStringLiteral("slotDeviceDisconnected()"),
-        QStringLiteral("slotControllerErrOccurred(QLowEnergyController::Error error)"),
-        QStringLiteral("slotServiceDiscovered(QBluetoothUuid gatt)"),
-        QStringLiteral("slotDevDiscoveryFinished()"),
-        QStringLiteral("slotDevDiscoveryErrOccurred(QBluetoothDeviceDiscoveryAgent::Error error)"),
-        QStringLiteral("slotCharacteristicChanged(QLowEnergyCharacteristic characteristic, "
-                       "QByteArray value)"),
-        QStringLiteral("slotServiceStateChanged(QLowEnergyService::ServiceState state)"),
-        QStringLiteral("slotServiceErrorOccurred(QLowEnergyService::ServiceError error)"),
-        QStringLiteral("init()"),
-        QStringLiteral("start()"),
-        QStringLiteral("stop()"),
-        QStringLiteral("connectToDevice(QString macAddr)"),
-        QStringLiteral("disconnectFromDevice(QString macAddr)"),
-        QStringLiteral("sendMessage(QString macAddr, QByteArray data)"),
-        QStringLiteral("sendAuthMessage(QString macAddr, QByteArray data)"),
-        QStringLiteral("reconnectDevice(QString macAddr)"),
-        QStringLiteral("removeDevice(QString macAddr)"),
+        u"slotDeviceDiscovered(QBluetoothDeviceInfo devInfo)"_s,
+        u"slotDeviceConnected()"_s,
+        u"slotDeviceDisconnected()"_s,
+        u"slotControllerErrOccurred(QLowEnergyController::Error error)"_s,
+        u"slotServiceDiscovered(QBluetoothUuid gatt)"_s,
+        u"slotDevDiscoveryFinished()"_s,
+        u"slotDevDiscoveryErrOccurred(QBluetoothDeviceDiscoveryAgent::Error error)"_s,
+        u"slotCharacteristicChanged(QLowEnergyCharacteristic characteristic, QByteArray value)"_s,
+        u"slotServiceStateChanged(QLowEnergyService::ServiceState state)"_s,
+        u"slotServiceErrorOccurred(QLowEnergyService::ServiceError error)"_s,
+        u"init()"_s,
+        u"start()"_s,
+        u"stop()"_s,
+        u"connectToDevice(QString macAddr)"_s,
+        u"disconnectFromDevice(QString macAddr)"_s,
+        u"sendMessage(QString macAddr, QByteArray data)"_s,
+        u"sendAuthMessage(QString macAddr, QByteArray data)"_s,
+        u"reconnectDevice(QString macAddr)"_s,
+        u"removeDevice(QString macAddr)"_s,
     };
     QCOMPARE(methodsOf(BLEManager::staticMetaObject), relays(interfaceSignals, "macAddr") + own);
 
@@ -205,7 +198,7 @@ void TestContract::relay()
 {
     const auto plugin = create();
     const QString address = QString::fromLatin1(light);
-    const QString name = QStringLiteral("n");
+    const QString name = u"n"_s;
     const auto error = QBluetoothDeviceDiscoveryAgent::PoweredOffError;
     QStringList seen;
     const auto note = [&seen](const char *what) { seen.append(QString::fromLatin1(what)); };
@@ -250,19 +243,17 @@ void TestContract::relay()
     invoke("slotMessageReceived", Q_ARG(QString, address),
            Q_ARG(QByteArray, QByteArray("\0\1", 2)));
 
-    QCOMPARE(seen, QStringLiteral("discovered error finished connected disconnected message")
-                           .split(QLatin1Char(' ')));
+    QCOMPARE(seen,
+             u"discovered error finished connected disconnected message"_s.split(QLatin1Char(' ')));
     QCOMPARE(log.take(),
              QStringList({
-                     QStringLiteral("[CorvelKXBleDLL::slotDeviceDiscovered] devAddr:  "
-                                    "\"C0:FF:EE:00:00:03\"  device Name:  \"n\""),
-                     QStringLiteral("[CorvelKXBleDLL::slotDeviceDiscoveredErrorOccurred] error:  "
-                                    "QBluetoothDeviceDiscoveryAgent::PoweredOffError"),
-                     QStringLiteral("[CorvelKXBleDLL::slotDeviceDiscvoeredFinished]"),
-                     QStringLiteral("[CorvelKXBleDLL::slotDeviceConnected] devAddr:  "
-                                    "\"C0:FF:EE:00:00:03\""),
-                     QStringLiteral("[CorvelKXBleDLL::slotDeviceDisconnected] devAddr:  "
-                                    "\"C0:FF:EE:00:00:03\""),
+                     u"[CorvelKXBleDLL::slotDeviceDiscovered] devAddr:  \"C0:FF:EE:00:00:03\" "
+                     " device Name:  \"n\""_s,
+                     u"[CorvelKXBleDLL::slotDeviceDiscoveredErrorOccurred] error: "
+                     " QBluetoothDeviceDiscoveryAgent::PoweredOffError"_s,
+                     u"[CorvelKXBleDLL::slotDeviceDiscvoeredFinished]"_s,
+                     u"[CorvelKXBleDLL::slotDeviceConnected] devAddr:  \"C0:FF:EE:00:00:03\""_s,
+                     u"[CorvelKXBleDLL::slotDeviceDisconnected] devAddr:  \"C0:FF:EE:00:00:03\""_s,
              }));
 }
 
@@ -271,8 +262,8 @@ void TestContract::commandsKeepTheirOrder()
     const LogRecorder log;
     const auto plugin = create();
     QVERIFY(log.lines().value(0).startsWith(
-            QStringLiteral("CorvelKXBleDLL::CorvelKXBleDLL(), Plugin thread ID: ")));
-    const QString unknown = QStringLiteral("00:11:22:33:44:55");
+            u"CorvelKXBleDLL::CorvelKXBleDLL(), Plugin thread ID: "_s));
+    const QString unknown = u"00:11:22:33:44:55"_s;
     plugin->start();
     plugin->sendMessage(unknown, "x");
     plugin->connectToDevice(unknown);
@@ -281,10 +272,9 @@ void TestContract::commandsKeepTheirOrder()
     plugin->stop();
     plugin->bleInit();
     plugin->stop();
-    QVERIFY(waitFor([&] { return log.linesWith(QStringLiteral("::stop] enter")).size() == 2; }));
+    QVERIFY(waitFor([&] { return log.linesWith(u"::stop] enter"_s).size() == 2; }));
 
-    QStringList worker = log.linesWith(QStringLiteral("BLEManager::"))
-                         + log.linesWith(QStringLiteral("unsupported"));
+    QStringList worker = log.linesWith(u"BLEManager::"_s) + log.linesWith(u"unsupported"_s);
     worker = log.lines();
     worker.removeIf([](const QString &line) {
         return line.contains(QLatin1String("CorvelKXBleDLL::"))
@@ -292,27 +282,23 @@ void TestContract::commandsKeepTheirOrder()
                || line.contains(QLatin1String("supportedBleDevice"))
                || line.contains(QLatin1String("Management socket"));
     });
-    QCOMPARE(worker,
+    QCOMPARE(worker, QStringList({
+                             u"[BLEManager::start] enter"_s,
+                             u"\"connectToDevice() error, device unsupported, mac address: "
+                             "00:11:22:33:44:55\""_s,
+                             u"[BLEManager::start] enter"_s,
+                             u"[BLEManager::start] enter : stop curent, restart"_s,
+                             u"[BLEManager::stop] enter..."_s,
+                             u"[BLEManager::stop] m_discoveryAgent->stop()"_s,
+                             // The second scanner is idle.
+                             u"[BLEManager::stop] enter..."_s,
+                     }));
+    QCOMPARE(log.linesWith(u"[CorvelKXBleDLL::"_s),
              QStringList({
-                     QStringLiteral("[BLEManager::start] enter"),
-                     QStringLiteral("\"connectToDevice() error, device unsupported, mac address: "
-                                    "00:11:22:33:44:55\""),
-                     QStringLiteral("[BLEManager::start] enter"),
-                     QStringLiteral("[BLEManager::start] enter : stop curent, restart"),
-                     QStringLiteral("[BLEManager::stop] enter..."),
-                     QStringLiteral("[BLEManager::stop] m_discoveryAgent->stop()"),
-                     // The second scanner is idle.
-                     QStringLiteral("[BLEManager::stop] enter..."),
-             }));
-    QCOMPARE(log.linesWith(QStringLiteral("[CorvelKXBleDLL::")),
-             QStringList({
-                     QStringLiteral("[CorvelKXBleDLL::connectToDevice] devAddr:  "
-                                    "\"00:11:22:33:44:55\""),
-                     QStringLiteral("[CorvelKXBleDLL::removeDevice] devAddr:  "
-                                    "\"00:11:22:33:44:55\""),
-                     QStringLiteral("[CorvelKXBleDLL::reconnectDevice] devAddr:  "
-                                    "\"00:11:22:33:44:55\""),
-             }) + log.linesWith(QStringLiteral("[CorvelKXBleDLL::slotDeviceDiscovered]")));
+                     u"[CorvelKXBleDLL::connectToDevice] devAddr:  \"00:11:22:33:44:55\""_s,
+                     u"[CorvelKXBleDLL::removeDevice] devAddr:  \"00:11:22:33:44:55\""_s,
+                     u"[CorvelKXBleDLL::reconnectDevice] devAddr:  \"00:11:22:33:44:55\""_s,
+             }) + log.linesWith(u"[CorvelKXBleDLL::slotDeviceDiscovered]"_s));
 }
 
 void TestContract::signalsOnTheHostsThread()
@@ -364,7 +350,7 @@ void TestContract::signalsOnTheHostsThread()
     QVERIFY(ready);
     QCOMPARE(answer, QByteArray("hello"));
     QCOMPARE(threads, QSet<QThread *>({ QThread::currentThread() }));
-    QVERIFY(log.linesWith(QStringLiteral("[CorvelKXBleDLL::slotMessageReceived")).isEmpty());
+    QVERIFY(log.linesWith(u"[CorvelKXBleDLL::slotMessageReceived"_s).isEmpty());
 }
 
 QTEST_GUILESS_MAIN(TestContract)

@@ -1,47 +1,24 @@
-#include "BLEManager.h"
 #include "CorvelKXBleInterface.h"
-#include "TestSupport.h"
+#include "ManagerTest.h"
 
 #include <QPluginLoader>
 #include <QSignalSpy>
 #include <QTest>
 
-#include <memory>
-
-namespace {
-
-constexpr QLatin1String light("C0:FF:EE:00:00:03");
-constexpr QLatin1String other("C0:FF:EE:00:00:02");
-
-} // namespace
+using Qt::StringLiterals::operator""_s;
 
 // The plugin ends well at every step of the road, and takes the links with it.
-class TestDestruction : public QObject
+class TestDestruction : public ManagerTest
 {
     Q_OBJECT
 
 private slots:
-    void cleanup();
+    void cleanup() { m_lights.restore(); }
     void pluginAtEachStep_data();
     void pluginAtEachStep();
     void managerWithTwoLights();
     void controllerThatTellsItsEnd();
-
-private:
-    static std::unique_ptr<BLEManager> discoveringManager();
-
-    Lights m_lights;
 };
-
-void TestDestruction::cleanup()
-{
-    for (const QLatin1String address : { light, other }) {
-        m_lights.set(address, QStringLiteral("connect"), QStringLiteral("accept"));
-        m_lights.set(address, QStringLiteral("disconnectDelay"), QStringLiteral("0"));
-    }
-    QVERIFY(waitFor([this] { return m_lights.order(QStringLiteral("connected")).isEmpty(); }));
-    m_lights.order(QStringLiteral("reset"));
-}
 
 void TestDestruction::pluginAtEachStep_data()
 {
@@ -70,9 +47,9 @@ void TestDestruction::pluginAtEachStep()
 {
     QFETCH(QString, line);
     QFETCH(QString, connect);
-    m_lights.set(light, QStringLiteral("connect"), connect);
+    m_lights.set(secured, u"connect"_s, connect);
     if (line == QLatin1String("ClosingState"))
-        m_lights.set(light, QStringLiteral("disconnectDelay"), QStringLiteral("100"));
+        m_lights.set(secured, u"disconnectDelay"_s, u"100"_s);
 
     LogRecorder log;
     QPluginLoader loader(QStringLiteral(PLUGIN_FILE));
@@ -86,10 +63,10 @@ void TestDestruction::pluginAtEachStep()
     QObject::connect(plugin, &CorvelKXBleInterface::sigDeviceDiscovered, &context,
                      [&](int, const QString &address, const QString &) {
                          count();
-                         if (address == light && line != QLatin1String("::sigDeviceDiscovered")) {
+                         if (address == secured && line != QLatin1String("::sigDeviceDiscovered")) {
                              plugin->stop();
-                             plugin->connectToDevice(light);
-                             plugin->connectToDevice(other);
+                             plugin->connectToDevice(secured);
+                             plugin->connectToDevice(plain);
                          }
                      });
     QObject::connect(plugin, &CorvelKXBleInterface::sigDeviceConnected, &context,
@@ -103,7 +80,7 @@ void TestDestruction::pluginAtEachStep()
                          if (answered.contains(address))
                              return;
                          answered.insert(address);
-                         m_lights.order(QStringLiteral("burst"), { address, 500, 20, 0 });
+                         m_lights.order(u"burst"_s, { address, 500, 20, 0 });
                          if (line.contains(QLatin1String("Closing"))
                              || line.contains(QLatin1String("doDevice")))
                              plugin->removeDevice(address);
@@ -112,23 +89,23 @@ void TestDestruction::pluginAtEachStep()
 
     plugin->start();
     const QString expected = line == QLatin1String("::sigDeviceDiscovered")
-                                     ? QStringLiteral("slotDeviceDiscovered] devAddr")
+                                     ? u"slotDeviceDiscovered] devAddr"_s
                                      : line;
     QVERIFY(waitFor([&] { return !log.linesWith(expected).isEmpty(); }));
 
     delete plugin;
     isDeleted = true;
-    QVERIFY(waitFor([this] { return m_lights.order(QStringLiteral("connected")).isEmpty(); }));
+    QVERIFY(waitFor([this] { return m_lights.order(u"connected"_s).isEmpty(); }));
     QCOMPARE(afterwards, 0);
 
     // There is a second life after it.
     auto *second = qobject_cast<CorvelKXBleInterface *>(loader.instance());
     QVERIFY(second);
-    m_lights.set(light, QStringLiteral("connect"), QStringLiteral("accept"));
+    m_lights.set(secured, u"connect"_s, u"accept"_s);
     QSignalSpy connected(second, &CorvelKXBleInterface::sigDeviceConnected);
     QObject::connect(second, &CorvelKXBleInterface::sigDeviceDiscovered, &context,
                      [&](int, const QString &address, const QString &) {
-                         if (address == light) {
+                         if (address == secured) {
                              second->stop();
                              second->connectToDevice(address);
                          }
@@ -138,26 +115,15 @@ void TestDestruction::pluginAtEachStep()
     delete second;
 }
 
-std::unique_ptr<BLEManager> TestDestruction::discoveringManager()
-{
-    auto manager = std::make_unique<BLEManager>();
-    manager->init();
-    QSignalSpy discovered(manager.get(), &BLEManager::sigDeviceDiscovered);
-    manager->start();
-    waitFor([&] { return discovered.size() == 9; });
-    manager->stop();
-    return manager;
-}
-
 void TestDestruction::managerWithTwoLights()
 {
-    auto manager = discoveringManager();
-    QSignalSpy connected(manager.get(), &BLEManager::sigDeviceConnected);
-    manager->connectToDevice(light);
-    manager->connectToDevice(other);
+    createManager();
+    QSignalSpy connected(m_manager.get(), &BLEManager::sigDeviceConnected);
+    m_manager->connectToDevice(secured);
+    m_manager->connectToDevice(plain);
     QVERIFY(waitFor([&] { return connected.size() == 2; }));
 
-    QList<QObject *> children = manager->findChildren<QObject *>(Qt::FindDirectChildrenOnly);
+    QList<QObject *> children = m_manager->findChildren<QObject *>(Qt::FindDirectChildrenOnly);
     QVERIFY(children.size() >= 6); // a scanner, two controllers, three services
     QHash<QObject *, int> deaths;
     QObject context;
@@ -166,8 +132,8 @@ void TestDestruction::managerWithTwoLights()
         connect(child, &QObject::destroyed, &context, [&deaths](QObject *dead) { ++deaths[dead]; });
     }
     int emitted = 0;
-    connect(manager.get(), &BLEManager::sigDeviceDisconnected, &context, [&] { ++emitted; });
-    manager.reset();
+    connect(m_manager.get(), &BLEManager::sigDeviceDisconnected, &context, [&] { ++emitted; });
+    m_manager.reset();
     QCOMPARE(deaths.values(), QList<int>(children.size(), 1));
     QCOMPARE(emitted, 0);
 }
@@ -176,17 +142,17 @@ void TestDestruction::controllerThatTellsItsEnd()
 {
     // As some platforms do it: the disconnection is reported from inside the controller's
     // destructor, here as soon as that begins to close the link.
-    auto manager = discoveringManager();
-    QSignalSpy connected(manager.get(), &BLEManager::sigDeviceConnected);
-    manager->connectToDevice(light);
-    manager->connectToDevice(other);
+    createManager();
+    QSignalSpy connected(m_manager.get(), &BLEManager::sigDeviceConnected);
+    m_manager->connectToDevice(secured);
+    m_manager->connectToDevice(plain);
     QVERIFY(waitFor([&] { return connected.size() == 2; }));
 
     int told = 0;
     int emitted = 0;
     QObject context;
-    connect(manager.get(), &BLEManager::sigDeviceDisconnected, &context, [&] { ++emitted; });
-    const auto controllers = manager->findChildren<QLowEnergyController *>();
+    connect(m_manager.get(), &BLEManager::sigDeviceDisconnected, &context, [&] { ++emitted; });
+    const auto controllers = m_manager->findChildren<QLowEnergyController *>();
     for (QLowEnergyController *controller : controllers) {
         connect(controller, &QLowEnergyController::stateChanged, &context,
                 [&, controller](QLowEnergyController::ControllerState state) {
@@ -197,7 +163,7 @@ void TestDestruction::controllerThatTellsItsEnd()
                     emit controller->disconnected();
                 });
     }
-    manager.reset();
+    m_manager.reset();
     QCOMPARE(told, 2);
     QCOMPARE(emitted, 0);
 }

@@ -1,30 +1,22 @@
-#include "BLEManager.h"
-#include "TestSupport.h"
+#include "ManagerTest.h"
 
 #include <QPointer>
 #include <QSignalSpy>
 #include <QTest>
 
-#include <memory>
+using Qt::StringLiterals::operator""_s;
 
 using Error = QLowEnergyController::Error;
 
-namespace {
-
-constexpr QLatin1String light("C0:FF:EE:00:00:03");
-constexpr QLatin1String other("C0:FF:EE:00:00:02");
-
-} // namespace
-
 // How a link ends and what follows. Linux rarely reports the errors that arm a reconnection, so
 // that they are emitted here in the controller's name.
-class TestLink : public QObject
+class TestLink : public ManagerTest
 {
     Q_OBJECT
 
 private slots:
     void init();
-    void cleanup();
+    void cleanup() { deleteManager(); }
     void plainDrop();
     void errorArms_data();
     void errorArms();
@@ -52,58 +44,31 @@ private:
     }
     //! The controller that was made last.
     QLowEnergyController *controller() const { return controllers().constLast(); }
-    QStringList attempts() const
-    {
-        return m_log->linesWith(QStringLiteral("auto reconnect num: "));
-    }
+    QStringList attempts() const { return m_log->linesWith(u"auto reconnect num: "_s); }
     int disconnections() const { return int(m_disconnected->size()); }
     void connectLight();
     void attempt();
     void settle();
 
-    Lights m_lights;
-    std::unique_ptr<BLEManager> m_manager;
-    std::unique_ptr<LogRecorder> m_log;
     std::unique_ptr<QSignalSpy> m_connected;
     std::unique_ptr<QSignalSpy> m_disconnected;
 };
 
 void TestLink::init()
 {
-    m_manager = std::make_unique<BLEManager>();
-    m_log = std::make_unique<LogRecorder>();
+    createManager();
     m_connected = std::make_unique<QSignalSpy>(m_manager.get(), &BLEManager::sigDeviceConnected);
     m_disconnected = std::make_unique<QSignalSpy>(m_manager.get(),
                                                   &BLEManager::sigDeviceDisconnected);
-    m_manager->init();
-    QSignalSpy discovered(m_manager.get(), &BLEManager::sigDeviceDiscovered);
-    m_manager->start();
-    QVERIFY(waitFor([&] { return discovered.size() == 9; }));
-    m_manager->stop();
-    m_log->take();
 }
 
-void TestLink::cleanup()
-{
-    m_manager->stop();
-    m_manager.reset();
-    m_log.reset();
-    for (const char *state : { "return", "on" })
-        m_lights.order(QStringLiteral("adapter"), { QString::fromLatin1(state) });
-    m_lights.set(light, QStringLiteral("connect"), QStringLiteral("accept"));
-    m_lights.set(light, QStringLiteral("writes"), QStringLiteral("accept"));
-    QVERIFY(waitFor([this] { return m_lights.order(QStringLiteral("connected")).isEmpty(); }));
-    m_lights.order(QStringLiteral("reset"));
-}
-
-// A light that is ready, with everything behind it that a connection sets off.
+// A secured that is ready, with everything behind it that a connection sets off.
 void TestLink::connectLight()
 {
-    m_manager->connectToDevice(light);
+    m_manager->connectToDevice(secured);
     QVERIFY(waitFor([this] {
-        return !m_connected->isEmpty()
-               && !m_log->linesWith(QStringLiteral("sendAuthMessage")).isEmpty()
-               && m_log->linesWith(QStringLiteral("descriptorWritten")).size() == 1;
+        return !m_connected->isEmpty() && !m_log->linesWith(u"sendAuthMessage"_s).isEmpty()
+               && m_log->linesWith(u"descriptorWritten"_s).size() == 1;
     }));
     m_log->take();
 }
@@ -111,8 +76,8 @@ void TestLink::connectLight()
 // A connection that is under way for as long as the test wants.
 void TestLink::attempt()
 {
-    m_lights.set(light, QStringLiteral("connect"), QStringLiteral("hang"));
-    m_manager->connectToDevice(light);
+    m_lights.set(secured, u"connect"_s, u"hang"_s);
+    m_manager->connectToDevice(secured);
     m_log->take();
 }
 
@@ -122,19 +87,16 @@ void TestLink::settle() { QCoreApplication::sendPostedEvents(nullptr, QEvent::De
 void TestLink::plainDrop()
 {
     connectLight();
-    m_lights.order(QStringLiteral("drop"), { QString(light) });
+    m_lights.order(u"drop"_s, { QString(secured) });
     QVERIFY(waitFor([this] { return disconnections() == 1; }));
     const QStringList end = m_log->lines().mid(m_log->lines().size() - 4);
-    QCOMPARE(end, QStringList({
-                          QStringLiteral("BLEManager::slotControllerState "
-                                         "QLowEnergyController::UnconnectedState"),
-                          QStringLiteral("BLEManager::slotDeviceDisconnected, macAddr: "
-                                         "\"C0:FF:EE:00:00:03\""),
-                          QStringLiteral("[BLEManager::doDeviceDisconnected] "
-                                         "\"C0:FF:EE:00:00:03\""),
-                          QStringLiteral("[BLEManager::doDeviceDisconnected] m_reconnectDevMap = "
-                                         "QMap()"),
-                  }));
+    QCOMPARE(end,
+             QStringList({
+                     u"BLEManager::slotControllerState QLowEnergyController::UnconnectedState"_s,
+                     u"BLEManager::slotDeviceDisconnected, macAddr: \"C0:FF:EE:00:00:03\""_s,
+                     u"[BLEManager::doDeviceDisconnected] \"C0:FF:EE:00:00:03\""_s,
+                     u"[BLEManager::doDeviceDisconnected] m_reconnectDevMap = QMap()"_s,
+             }));
     settle();
     QVERIFY(controllers().isEmpty());
     QVERIFY(attempts().isEmpty());
@@ -163,22 +125,21 @@ void TestLink::errorArms()
     QFETCH(QString, name);
     QFETCH(bool, arms);
     connectLight();
-    m_lights.set(light, QStringLiteral("connect"), QStringLiteral("hang"));
+    m_lights.set(secured, u"connect"_s, u"hang"_s);
     emit controller()->errorOccurred(error);
     QCOMPARE(m_log->lines().constFirst(),
-             QStringLiteral("controller connect error with device:  \"C0:FF:EE:00:00:03\" ,  "
-                            "QLowEnergyController::%1")
-                     .arg(name));
+             u"controller connect error with device:  \"C0:FF:EE:00:00:03\" "
+             ",  QLowEnergyController::%1"_s.arg(name));
     if (!arms) {
         QCOMPARE(m_log->take().size(), 1);
-        QVERIFY(m_lights.isConnected(light));
-        m_lights.order(QStringLiteral("drop"), { QString(light) });
+        QVERIFY(m_lights.isConnected(secured));
+        m_lights.order(u"drop"_s, { QString(secured) });
     }
-    // The disconnection that the error, or the light, brings about decides.
+    // The disconnection that the error, or the secured, brings about decides.
     QVERIFY(waitFor([this] { return disconnections() == 1; }));
-    QCOMPARE(attempts(), arms ? QStringList({ QStringLiteral("[BLEManager::doDeviceDisconnected], "
-                                                             "auto reconnect num:  1") })
-                              : QStringList());
+    QCOMPARE(attempts(),
+             arms ? QStringList({ u"[BLEManager::doDeviceDisconnected], auto reconnect num:  1"_s })
+                  : QStringList());
     settle();
     QCOMPARE(controllers().size(), arms ? 1 : 0);
 }
@@ -189,7 +150,7 @@ void TestLink::fourFailuresInARow()
     for (int failure = 1; failure <= 4; ++failure) {
         QLowEnergyController *failing = controller();
         emit failing->errorOccurred(QLowEnergyController::ConnectionError);
-        QCOMPARE(m_log->linesWith(QStringLiteral("m_reconnectDevMap =")).size(), failure - 1);
+        QCOMPARE(m_log->linesWith(u"m_reconnectDevMap ="_s).size(), failure - 1);
         emit failing->disconnected();
         QCOMPARE(disconnections(), failure);
         QCOMPARE(attempts().size(), qMin(failure, 3));
@@ -198,23 +159,27 @@ void TestLink::fourFailuresInARow()
         settle();
         QCOMPARE(controllers().size(), failure < 4 ? 1 : 0);
     }
-    QCOMPARE(m_log->linesWith(QStringLiteral("m_reconnectDevMap =")),
+    QCOMPARE(m_log->linesWith(u"m_reconnectDevMap ="_s),
              QStringList({
-                     QStringLiteral("[BLEManager::doDeviceDisconnected] m_reconnectDevMap = "
-                                    "QMap((\"C0:FF:EE:00:00:03\", 0))"),
-                     QStringLiteral("[BLEManager::doDeviceDisconnected] m_reconnectDevMap = "
-                                    "QMap((\"C0:FF:EE:00:00:03\", 1))"),
-                     QStringLiteral("[BLEManager::doDeviceDisconnected] m_reconnectDevMap = "
-                                    "QMap((\"C0:FF:EE:00:00:03\", 2))"),
-                     QStringLiteral("[BLEManager::doDeviceDisconnected] m_reconnectDevMap = "
-                                    "QMap((\"C0:FF:EE:00:00:03\", 3))"),
+                     u"[BLEManager::doDeviceDisconnected] m_reconnectDevMap = "
+                     u"QMap((\"C0:FF:EE:00:00:03\", "
+                     "0))"_s,
+                     u"[BLEManager::doDeviceDisconnected] m_reconnectDevMap = "
+                     u"QMap((\"C0:FF:EE:00:00:03\", "
+                     "1))"_s,
+                     u"[BLEManager::doDeviceDisconnected] m_reconnectDevMap = "
+                     u"QMap((\"C0:FF:EE:00:00:03\", "
+                     "2))"_s,
+                     u"[BLEManager::doDeviceDisconnected] m_reconnectDevMap = "
+                     u"QMap((\"C0:FF:EE:00:00:03\", "
+                     "3))"_s,
              }));
     // A new episode begins from nothing.
-    m_manager->connectToDevice(light);
+    m_manager->connectToDevice(secured);
     emit controller()->errorOccurred(QLowEnergyController::ConnectionError);
     emit controller()->disconnected();
-    QCOMPARE(attempts().constLast(), QStringLiteral("[BLEManager::doDeviceDisconnected], auto "
-                                                    "reconnect num:  1"));
+    QCOMPARE(attempts().constLast(),
+             u"[BLEManager::doDeviceDisconnected], auto reconnect num:  1"_s);
 }
 
 void TestLink::bindingEndsTheEpisode()
@@ -222,13 +187,12 @@ void TestLink::bindingEndsTheEpisode()
     for (int round = 1; round <= 2; ++round) {
         attempt();
         emit controller()->errorOccurred(QLowEnergyController::RemoteHostClosedError);
-        m_lights.set(light, QStringLiteral("connect"), QStringLiteral("accept"));
+        m_lights.set(secured, u"connect"_s, u"accept"_s);
         emit controller()->disconnected();
         QCOMPARE(attempts(),
-                 QStringList({ QStringLiteral("[BLEManager::doDeviceDisconnected], auto "
-                                              "reconnect num:  1") }));
+                 QStringList({ u"[BLEManager::doDeviceDisconnected], auto reconnect num:  1"_s }));
         QVERIFY(waitFor([&] { return m_connected->size() == round; }));
-        m_lights.order(QStringLiteral("drop"), { QString(light) });
+        m_lights.order(u"drop"_s, { QString(secured) });
         QVERIFY(waitFor([&] { return disconnections() == 2 * round; }));
         QVERIFY(m_log->lines().constLast().endsWith(QLatin1String("m_reconnectDevMap = QMap()")));
     }
@@ -262,7 +226,7 @@ void TestLink::adapterErrorReconnectsAtOnce()
     emit failed->disconnected();
     emit failed->errorOccurred(QLowEnergyController::ConnectionError);
     emit failed->errorOccurred(QLowEnergyController::UnknownError);
-    QCOMPARE(m_log->take().filter(QStringLiteral("\"\"")).size(), 4);
+    QCOMPARE(m_log->take().filter(u"\"\""_s).size(), 4);
     QCOMPARE(disconnections(), 1);
     settle();
     QVERIFY(!failed);
@@ -272,42 +236,39 @@ void TestLink::adapterErrorReconnectsAtOnce()
 void TestLink::adapterPulled()
 {
     connectLight();
-    m_lights.order(QStringLiteral("adapter"), { QStringLiteral("remove") });
+    m_lights.order(u"adapter"_s, { u"remove"_s });
     QVERIFY(waitFor([this] { return disconnections() == 1; }));
     QVERIFY(attempts().isEmpty());
 
     // Nothing to connect with: the failures nest, and end.
-    m_manager->connectToDevice(light);
+    m_manager->connectToDevice(secured);
     QCOMPARE(disconnections(), 5);
     QCOMPARE(attempts().size(), 3);
     settle();
     QVERIFY(controllers().isEmpty());
 
-    m_lights.order(QStringLiteral("adapter"), { QStringLiteral("return") });
-    QSignalSpy discovered(m_manager.get(), &BLEManager::sigDeviceDiscovered);
-    m_manager->start();
-    QVERIFY(waitFor([&] { return discovered.size() == 9; }));
-    m_manager->connectToDevice(light);
+    m_lights.order(u"adapter"_s, { u"return"_s });
+    findLights();
+    m_manager->connectToDevice(secured);
     QVERIFY(waitFor([this] { return m_connected->size() == 2; }));
 }
 
 void TestLink::adapterSwitchedOff()
 {
     connectLight();
-    m_lights.order(QStringLiteral("adapter"), { QStringLiteral("off") });
+    m_lights.order(u"adapter"_s, { u"off"_s });
     QVERIFY(waitFor([this] { return disconnections() == 1; }));
     m_log->take();
     // Qt calls this a failed connection, without a disconnection after it: the episode stays armed,
     // and the host's wish waits for a disconnection that may never come.
-    m_manager->connectToDevice(light);
-    QVERIFY(m_log->lines().contains(QStringLiteral("controller connect error with device:  "
-                                                   "\"C0:FF:EE:00:00:03\" ,  "
-                                                   "QLowEnergyController::ConnectionError")));
-    QCOMPARE(m_manager->reconnectDevice(light), true);
+    m_manager->connectToDevice(secured);
+    QVERIFY(m_log->lines().contains(u"controller connect error with device:  \"C0:FF:EE:00:00:03\" "
+                                    ",  QLowEnergyController::ConnectionError"_s));
+    QCOMPARE(m_manager->reconnectDevice(secured), true);
     settle();
     QCOMPARE(controllers().size(), 1);
-    m_lights.order(QStringLiteral("adapter"), { QStringLiteral("on") });
-    m_manager->connectToDevice(light);
+    m_lights.order(u"adapter"_s, { u"on"_s });
+    m_manager->connectToDevice(secured);
     QVERIFY(waitFor([this] { return m_connected->size() == 2; }));
 }
 
@@ -315,20 +276,20 @@ void TestLink::connectFails_data()
 {
     QTest::addColumn<QString>("connect");
     QTest::addColumn<QString>("error");
-    QTest::newRow("refused") << QStringLiteral("refuse") << QStringLiteral("UnknownError");
-    QTest::newRow("aborted") << QStringLiteral("abort") << QStringLiteral("ConnectionError");
+    QTest::newRow("refused") << u"refuse"_s << u"UnknownError"_s;
+    QTest::newRow("aborted") << u"abort"_s << u"ConnectionError"_s;
 }
 
 void TestLink::connectFails()
 {
     QFETCH(QString, connect);
     QFETCH(QString, error);
-    m_lights.set(light, QStringLiteral("connect"), connect);
-    m_manager->connectToDevice(light);
+    m_lights.set(secured, u"connect"_s, connect);
+    m_manager->connectToDevice(secured);
     QVERIFY(waitFor([&] { return !m_log->linesWith(error).isEmpty(); }));
     QCOMPARE(disconnections(), 0);
-    m_lights.set(light, QStringLiteral("connect"), QStringLiteral("accept"));
-    m_manager->connectToDevice(light);
+    m_lights.set(secured, u"connect"_s, u"accept"_s);
+    m_manager->connectToDevice(secured);
     QVERIFY(waitFor([this] { return m_connected->size() == 1; }));
 }
 
@@ -336,13 +297,13 @@ void TestLink::replacedController()
 {
     attempt();
     QPointer<QLowEnergyController> first = controller();
-    m_manager->connectToDevice(light);
+    m_manager->connectToDevice(secured);
     QVERIFY(first && controller() != first);
     m_log->take();
     emit first->connected();
     emit first->disconnected();
     QCOMPARE(disconnections(), 0);
-    QVERIFY(m_log->lines().contains(QStringLiteral("[BLEManager::doDeviceDisconnected] \"\"")));
+    QVERIFY(m_log->lines().contains(u"[BLEManager::doDeviceDisconnected] \"\""_s));
     settle();
     QVERIFY(!first);
     QCOMPARE(controllers().size(), 1);
@@ -360,8 +321,8 @@ void TestLink::mainServiceError()
     m_log->take();
     emit(*main)->errorOccurred(QLowEnergyService::CharacteristicReadError);
     QCOMPARE(m_log->lines().constFirst(),
-             QStringLiteral("[BLEManager::slotServiceDiscovered] service errorOccurred: "
-                            "QLowEnergyService::CharacteristicReadError"));
+             u"[BLEManager::slotServiceDiscovered] service errorOccurred: "
+             "QLowEnergyService::CharacteristicReadError"_s);
     // The host is not told, but an armed episode goes on.
     QCOMPARE(disconnections(), 0);
     QCOMPARE(attempts().size(), 1);
@@ -369,38 +330,35 @@ void TestLink::mainServiceError()
     // By now the service is nobody's: its errors lead nowhere.
     m_log->take();
     emit(*main)->errorOccurred(QLowEnergyService::OperationError);
-    QCOMPARE(m_log->take().constLast(), QStringLiteral("[BLEManager::doDeviceDisconnected] \"\""));
+    QCOMPARE(m_log->take().constLast(), u"[BLEManager::doDeviceDisconnected] \"\""_s);
 }
 
 void TestLink::refusedWrite()
 {
     connectLight();
-    m_lights.set(light, QStringLiteral("writes"), QStringLiteral("refuse"));
-    m_manager->sendMessage(light, "x");
-    QVERIFY(waitFor([this] {
-        return !m_log->linesWith(QStringLiteral("CharacteristicWriteError")).isEmpty();
-    }));
-    QVERIFY(waitFor([this] { return !m_lights.isConnected(light); }));
+    m_lights.set(secured, u"writes"_s, u"refuse"_s);
+    m_manager->sendMessage(secured, "x");
+    QVERIFY(waitFor([this] { return !m_log->linesWith(u"CharacteristicWriteError"_s).isEmpty(); }));
+    QVERIFY(waitFor([this] { return !m_lights.isConnected(secured); }));
     QCOMPARE(disconnections(), 0);
-    m_lights.set(light, QStringLiteral("writes"), QStringLiteral("accept"));
-    QCOMPARE(m_manager->reconnectDevice(light), true);
+    m_lights.set(secured, u"writes"_s, u"accept"_s);
+    QCOMPARE(m_manager->reconnectDevice(secured), true);
     QVERIFY(waitFor([this] { return m_connected->size() == 2; }));
 }
 
 void TestLink::vanishedServices()
 {
     connectLight();
-    m_lights.order(QStringLiteral("vanish"), { QString(light) });
-    QVERIFY(waitFor(
-            [this] { return m_log->linesWith(QStringLiteral("InvalidService")).size() == 2; }));
+    m_lights.order(u"vanish"_s, { QString(secured) });
+    QVERIFY(waitFor([this] { return m_log->linesWith(u"InvalidService"_s).size() == 2; }));
     QCOMPARE(disconnections(), 0);
-    m_manager->sendMessage(light, "x");
+    m_manager->sendMessage(secured, "x");
     QCOMPARE(m_log->lines().constLast(),
-             QStringLiteral("[BLEManager::sendMessage] characteristic faild. mac address: "
-                            "\"C0:FF:EE:00:00:03\""));
-    QVERIFY(m_lights.isConnected(light));
+             u"[BLEManager::sendMessage] characteristic faild. mac address: "
+             "\"C0:FF:EE:00:00:03\""_s);
+    QVERIFY(m_lights.isConnected(secured));
     // Letting it go and finding it anew is what helps.
-    m_manager->removeDevice(light);
+    m_manager->removeDevice(secured);
     QVERIFY(waitFor([this] { return disconnections() == 1; }));
 }
 
@@ -412,57 +370,53 @@ void TestLink::authenticationServiceError()
             emit service->errorOccurred(QLowEnergyService::CharacteristicWriteError);
     }
     QCOMPARE(m_log->take(),
-             QStringList({ QStringLiteral("[BLEManager::slotServiceDiscovered][Author] service "
-                                          "errorOccurred: "
-                                          "QLowEnergyService::CharacteristicWriteError") }));
-    m_manager->sendMessage(light, "x");
-    QVERIFY(waitFor(
-            [this] { return !m_log->linesWith(QStringLiteral("Received data:")).isEmpty(); }));
+             QStringList({ u"[BLEManager::slotServiceDiscovered][Author] service errorOccurred: "
+                           "QLowEnergyService::CharacteristicWriteError"_s }));
+    m_manager->sendMessage(secured, "x");
+    QVERIFY(waitFor([this] { return !m_log->linesWith(u"Received data:"_s).isEmpty(); }));
 }
 
 void TestLink::reconnectOnRequest()
 {
     connectLight();
-    m_lights.order(QStringLiteral("drop"), { QString(light) });
+    m_lights.order(u"drop"_s, { QString(secured) });
     QVERIFY(waitFor([this] { return disconnections() == 1; }));
-    QCOMPARE(m_manager->reconnectDevice(light), true);
+    QCOMPARE(m_manager->reconnectDevice(secured), true);
     QVERIFY(waitFor([this] { return m_connected->size() == 2; }));
 
     // While the manager is at it by itself, it is left alone.
-    m_lights.set(light, QStringLiteral("connect"), QStringLiteral("hang"));
+    m_lights.set(secured, u"connect"_s, u"hang"_s);
     emit controller()->errorOccurred(QLowEnergyController::ConnectionError);
     QVERIFY(waitFor([this] { return disconnections() == 2; }));
     settle();
     const QPointer<QLowEnergyController> trying = controller();
-    QCOMPARE(m_manager->reconnectDevice(light), true);
+    QCOMPARE(m_manager->reconnectDevice(secured), true);
     settle();
     QVERIFY(trying);
     QCOMPARE(controllers().size(), 1);
 
     m_log->take();
-    QCOMPARE(m_manager->reconnectDevice(QStringLiteral("00:11:22:33:44:55")), false);
-    QCOMPARE(m_log->lines().constFirst(), QStringLiteral("[BLEManager::start] enter"));
+    QCOMPARE(m_manager->reconnectDevice(u"00:11:22:33:44:55"_s), false);
+    QCOMPARE(m_log->lines().constFirst(), u"[BLEManager::start] enter"_s);
 }
 
 void TestLink::removal()
 {
     connectLight();
-    m_manager->removeDevice(light);
+    m_manager->removeDevice(secured);
     QVERIFY(waitFor([this] { return disconnections() == 1; }));
     QVERIFY(attempts().isEmpty());
     m_log->take();
-    m_manager->connectToDevice(light);
-    m_manager->disconnectFromDevice(light);
-    m_manager->disconnectFromDevice(other);
-    QCOMPARE(m_log->take(), QStringList({ QStringLiteral("\"connectToDevice() error, device "
-                                                         "unsupported, mac address: "
-                                                         "C0:FF:EE:00:00:03\"") }));
+    m_manager->connectToDevice(secured);
+    m_manager->disconnectFromDevice(secured);
+    m_manager->disconnectFromDevice(plain);
+    QCOMPARE(m_log->take(),
+             QStringList({ u"\"connectToDevice() error, device unsupported, mac address: "
+                           "C0:FF:EE:00:00:03\""_s }));
 
     // Seen again, it is as new.
-    QSignalSpy discovered(m_manager.get(), &BLEManager::sigDeviceDiscovered);
-    m_manager->start();
-    QVERIFY(waitFor([&] { return discovered.size() == 9; }));
-    m_manager->connectToDevice(light);
+    findLights();
+    m_manager->connectToDevice(secured);
     QVERIFY(waitFor([this] { return m_connected->size() == 2; }));
     QCOMPARE(disconnections(), 1);
 }
@@ -471,15 +425,14 @@ void TestLink::removalInAnEpisode()
 {
     connectLight();
     // The link goes a moment after it was asked to; the removal comes in between.
-    m_lights.set(light, QStringLiteral("disconnectDelay"), QStringLiteral("50"));
+    m_lights.set(secured, u"disconnectDelay"_s, u"50"_s);
     emit controller()->errorOccurred(QLowEnergyController::RemoteHostClosedError);
-    m_manager->removeDevice(light);
+    m_manager->removeDevice(secured);
     QVERIFY(waitFor([this] { return disconnections() == 1; }));
     QVERIFY(attempts().isEmpty());
     settle();
     QVERIFY(controllers().isEmpty());
     QCOMPARE(disconnections(), 1);
-    m_lights.set(light, QStringLiteral("disconnectDelay"), QStringLiteral("0"));
 }
 
 QTEST_GUILESS_MAIN(TestLink)

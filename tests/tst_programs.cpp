@@ -8,6 +8,8 @@
 
 #include <csignal>
 
+using Qt::StringLiterals::operator""_s;
+
 namespace {
 
 struct Result
@@ -50,12 +52,8 @@ Result host(const QString &words, const QByteArray &input = {})
 Result script(const QString &text, const QStringList &options = {})
 {
     return run(QString::fromLatin1(lightsFile),
-               options
-                       + QStringList { QStringLiteral("--"), QStringLiteral("sh"),
-                                       QStringLiteral("-c"), text },
-               {},
-               { QStringLiteral("HOST=") + QLatin1String(hostFile),
-                 QStringLiteral("LIGHTS=") + QLatin1String(lightsFile) });
+               options + QStringList { u"--"_s, u"sh"_s, u"-c"_s, text }, {},
+               { u"HOST="_s + QLatin1String(hostFile), u"LIGHTS="_s + QLatin1String(lightsFile) });
 }
 
 } // namespace
@@ -133,17 +131,16 @@ void TestPrograms::withoutBluetooth_data()
 {
     QTest::addColumn<QString>("preparation");
     QTest::addColumn<QString>("sentence");
-    const QString none = QStringLiteral("No Bluetooth adapter can be used: there is none, or the "
-                                        "Bluetooth service does not run.");
-    QTest::newRow("no adapter") << QStringLiteral("$LIGHTS ctl adapter remove") << none;
-    QTest::newRow("adapter off") << QStringLiteral("$LIGHTS ctl adapter off")
-                                 << QStringLiteral("The Bluetooth adapter is switched off.");
-    QTest::newRow("no service") << QStringLiteral("$LIGHTS ctl daemon kill") << none;
-    QTest::newRow("no bus") << QStringLiteral("export DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nowhere")
-                            << none;
-    QTest::newRow("no simulation") << QStringLiteral("unset CORVELKX_LIGHTS; "
-                                                     "export DBUS_SYSTEM_BUS_ADDRESS=unix:path=/no")
-                                   << none + QLatin1String(" Try --simulate for virtual lights.");
+    const QString none = u"No Bluetooth adapter can be used: there is none, or the Bluetooth "
+                         "service does not run."_s;
+    QTest::newRow("no adapter") << u"$LIGHTS ctl adapter remove"_s << none;
+    QTest::newRow("adapter off") << u"$LIGHTS ctl adapter off"_s
+                                 << u"The Bluetooth adapter is switched off."_s;
+    QTest::newRow("no service") << u"$LIGHTS ctl daemon kill"_s << none;
+    QTest::newRow("no bus") << u"export DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nowhere"_s << none;
+    QTest::newRow("no simulation")
+            << u"unset CORVELKX_LIGHTS; export DBUS_SYSTEM_BUS_ADDRESS=unix:path=/no"_s
+            << none + QLatin1String(" Try --simulate for virtual lights.");
 }
 
 void TestPrograms::withoutBluetooth()
@@ -160,68 +157,69 @@ void TestPrograms::withoutBluetooth()
 
 void TestPrograms::scanPrintsEachLightOnce()
 {
-    const Result result = host(QStringLiteral("--simulate --for 1 scan"));
+    const Result result = host(u"--simulate --for 1 scan"_s);
     QCOMPARE(result.status, 0);
     QCOMPARE(result.err, QString());
-    QCOMPARE(result.out, QStringLiteral("   1  C0:FF:EE:00:00:01  Corvel light(0001)\n"
-                                        "   2  C0:FF:EE:00:00:02  Corvel light(0002)\n"
-                                        "   3  C0:FF:EE:00:00:03  Corvel light(DM41)\n"
-                                        "   5  C0:FF:EE:00:00:05  Corvel light(Hall)\n"
-                                        "   6  C0:FF:EE:00:00:06  Corvel light(0006)\n"
-                                        "   7  C0:FF:EE:00:00:07  Corvel light(Studio)\n"
-                                        " 162  C0:FF:EE:00:00:A2  Corvel light(00A2)\n"
-                                        " 163  C0:FF:EE:00:00:A3  Corvel light(Roof)\n"
-                                        "1001  C0:FF:EE:00:00:A7  Corvel J7300(00A7)\n"
-                                        "9 lights were found.\n"));
+    QCOMPARE(result.out, u"   1  C0:FF:EE:00:00:01  Corvel light(0001)\n"
+                         "   2  C0:FF:EE:00:00:02  Corvel light(0002)\n"
+                         "   3  C0:FF:EE:00:00:03  Corvel light(DM41)\n"
+                         "   5  C0:FF:EE:00:00:05  Corvel light(Hall)\n"
+                         "   6  C0:FF:EE:00:00:06  Corvel light(0006)\n"
+                         "   7  C0:FF:EE:00:00:07  Corvel light(Studio)\n"
+                         " 162  C0:FF:EE:00:00:A2  Corvel light(00A2)\n"
+                         " 163  C0:FF:EE:00:00:A3  Corvel light(Roof)\n"
+                         "1001  C0:FF:EE:00:00:A7  Corvel J7300(00A7)\n"
+                         "9 lights were found.\n"_s);
 }
 
 void TestPrograms::connectAndSend()
 {
-    const Result result = script(QStringLiteral(
-            "$HOST send c0:ff:ee:00:00:a3 00FF && $HOST connect C0:FF:EE:00:00:01 && "
-            "$LIGHTS ctl set C0:FF:EE:00:00:01 echo false && "
-            "$HOST --answer --timeout 1 send C0:FF:EE:00:00:01 aa; echo status $?; "
-            "$LIGHTS ctl written C0:FF:EE:00:00:A3 | sort; $LIGHTS ctl connected; "
-            "$LIGHTS ctl set C0:FF:EE:00:00:01 connect hang; "
-            "$HOST --timeout 1 connect C0:FF:EE:00:00:01; echo status $?"));
+    const Result result = script(
+            u"$HOST send c0:ff:ee:00:00:a3 00FF && $HOST connect C0:FF:EE:00:00:01 "
+            "&& $LIGHTS ctl set C0:FF:EE:00:00:01 echo false && $HOST "
+            "--answer --timeout 1 send C0:FF:EE:00:00:01 aa; echo status "
+            "$?; $LIGHTS ctl written C0:FF:EE:00:00:A3 | sort; $LIGHTS "
+            "ctl connected; $LIGHTS ctl set C0:FF:EE:00:00:01 connect "
+            "hang; $HOST --timeout 1 connect C0:FF:EE:00:00:01; echo status $?"_s);
     QCOMPARE(result.status, 0);
-    QCOMPARE(result.out, QStringLiteral("C0:FF:EE:00:00:A3 is ready\n"
-                                        "C0:FF:EE:00:00:A3 was sent 00ff\n"
-                                        "C0:FF:EE:00:00:A3 says 00ff\n"
-                                        "C0:FF:EE:00:00:A3 is gone\n"
-                                        "C0:FF:EE:00:00:01 is ready\n"
-                                        "C0:FF:EE:00:00:01 is gone\n"
-                                        "C0:FF:EE:00:00:01 is ready\n"
-                                        "C0:FF:EE:00:00:01 was sent aa\n"
-                                        "C0:FF:EE:00:00:01 is gone\n"
-                                        "status 1\n"
-                                        "0000fff2-0000-1000-8000-00805f9b34fb command 00ff\n"
-                                        "f000ffc1-0451-4000-b000-000000000000 request 5c\n"
-                                        "status 1\n"));
-    QCOMPARE(result.err,
-             QStringLiteral("corvelkx-host: C0:FF:EE:00:00:01 did not answer.\n"
-                            "corvelkx-host: C0:FF:EE:00:00:01 did not become ready within 1 s.\n"));
+    QCOMPARE(result.out, u"C0:FF:EE:00:00:A3 is ready\n"
+                         "C0:FF:EE:00:00:A3 was sent 00ff\n"
+                         "C0:FF:EE:00:00:A3 says 00ff\n"
+                         "C0:FF:EE:00:00:A3 is gone\n"
+                         "C0:FF:EE:00:00:01 is ready\n"
+                         "C0:FF:EE:00:00:01 is gone\n"
+                         "C0:FF:EE:00:00:01 is ready\n"
+                         "C0:FF:EE:00:00:01 was sent aa\n"
+                         "C0:FF:EE:00:00:01 is gone\n"
+                         "status 1\n"
+                         "0000fff2-0000-1000-8000-00805f9b34fb command 00ff\n"
+                         "f000ffc1-0451-4000-b000-000000000000 request 5c\n"
+                         "status 1\n"_s);
+    QCOMPARE(result.err, u"corvelkx-host: C0:FF:EE:00:00:01 did not answer.\n"
+                         "corvelkx-host: C0:FF:EE:00:00:01 did not become ready within 1 s.\n"_s);
 }
 
 void TestPrograms::listen()
 {
-    // The light goes in between; the host asks again by itself.
-    const Result result = script(QStringLiteral(
-            "$HOST --count 2 listen C0:FF:EE:00:00:01 | while read -r line; do echo \"$line\"; "
-            "case $line in *ready) n=$((n + 1)); $LIGHTS ctl notify C0:FF:EE:00:00:01 0$n;; "
-            "*01) $LIGHTS ctl drop C0:FF:EE:00:00:01;; esac; done"));
-    QCOMPARE(result.out, QStringLiteral("C0:FF:EE:00:00:01 is ready\n"
-                                        "C0:FF:EE:00:00:01 says 01\n"
-                                        "C0:FF:EE:00:00:01 is gone\n"
-                                        "C0:FF:EE:00:00:01 is ready\n"
-                                        "C0:FF:EE:00:00:01 says 02\n"
-                                        "C0:FF:EE:00:00:01 is gone\n"));
+    // The light goes in between; the host asks again by itself. A light that is ready begins to
+    // listen a moment later.
+    const Result result = script(u"$HOST --count 2 listen C0:FF:EE:00:00:01 | while read -r "
+                                 "line; do echo \"$line\"; case $line in *ready) n=$((n + 1)); "
+                                 "until $LIGHTS ctl notify C0:FF:EE:00:00:01 0$n 2>/dev/null; do "
+                                 ":; done;; *01) $LIGHTS ctl "
+                                 "drop C0:FF:EE:00:00:01;; esac; done"_s);
+    QCOMPARE(result.out, u"C0:FF:EE:00:00:01 is ready\n"
+                         "C0:FF:EE:00:00:01 says 01\n"
+                         "C0:FF:EE:00:00:01 is gone\n"
+                         "C0:FF:EE:00:00:01 is ready\n"
+                         "C0:FF:EE:00:00:01 says 02\n"
+                         "C0:FF:EE:00:00:01 is gone\n"_s);
     QCOMPARE(result.err, QString());
 }
 
 void TestPrograms::shell()
 {
-    const Result result = host(QStringLiteral("--simulate shell"),
+    const Result result = host(u"--simulate shell"_s,
                                "# a comment\n"
                                "scan 0.5\n"
                                "connect c0:ff:ee:00:00:01 C0:FF:EE:00:00:A7\n"
@@ -233,24 +231,20 @@ void TestPrograms::shell()
                                "reconnect C0:FF:EE:00:00:01\n"
                                "lights");
     QCOMPARE(result.status, 1);
-    QCOMPARE(result.err,
-             QStringLiteral(
-                     "corvelkx-host: \"fly\" is no command of the shell; try help.\n"
-                     "corvelkx-host: \"long\" is not a number of seconds.\n"
-                     "corvelkx-host: \"1\" is no payload; one is a row of hexadecimal pairs.\n"
-                     "corvelkx-host: C0:FF:EE:00:00:01 is not known; scan for it first.\n"));
+    QCOMPARE(result.err, u"corvelkx-host: \"fly\" is no command of the shell; try help.\n"
+                         "corvelkx-host: \"long\" is not a number of seconds.\n"
+                         "corvelkx-host: \"1\" is no payload; one is a row of hexadecimal pairs.\n"
+                         "corvelkx-host: C0:FF:EE:00:00:01 is not known; scan for it first.\n"_s);
     QStringList lines = result.out.split(QLatin1Char('\n'));
-    QCOMPARE(lines.filter(QStringLiteral("is ready")).size(), 2);
-    QCOMPARE(lines.filter(QStringLiteral("C0:FF:EE:00:00:01 says 01")).size(), 1);
-    QCOMPARE(lines.filter(QStringLiteral("is gone")).size(), 2);
-    QCOMPARE(lines.filter(QStringLiteral("1001  C0:FF:EE:00:00:A7  Corvel J7300(00A7)  ready"))
-                     .size(),
-             1);
+    QCOMPARE(lines.filter(u"is ready"_s).size(), 2);
+    QCOMPARE(lines.filter(u"C0:FF:EE:00:00:01 says 01"_s).size(), 1);
+    QCOMPARE(lines.filter(u"is gone"_s).size(), 2);
+    QCOMPARE(lines.filter(u"1001  C0:FF:EE:00:00:A7  Corvel J7300(00A7)  ready"_s).size(), 1);
 }
 
 void TestPrograms::demo()
 {
-    const Result result = host(QStringLiteral("--simulate demo"));
+    const Result result = host(u"--simulate demo"_s);
     QCOMPARE(result.err, QString());
     QCOMPARE(result.status, 0);
     for (const char *line :
@@ -267,24 +261,21 @@ void TestPrograms::demo()
 
 void TestPrograms::json()
 {
-    const Result result = host(QStringLiteral("--simulate --json send C0:FF:EE:00:00:01 0102"));
+    const Result result = host(u"--simulate --json send C0:FF:EE:00:00:01 0102"_s);
     QCOMPARE(result.status, 0);
     QStringList events;
     const auto lines = result.out.trimmed().split(QLatin1Char('\n'));
     for (const QString &line : lines) {
         const QJsonObject object = QJsonDocument::fromJson(line.toUtf8()).object();
-        QCOMPARE(object.value(QStringLiteral("address")).toString(),
-                 QStringLiteral("C0:FF:EE:00:00:01"));
-        events.append(object.value(QStringLiteral("event")).toString()
-                      + object.value(QStringLiteral("data")).toString());
+        QCOMPARE(object.value(u"address"_s).toString(), u"C0:FF:EE:00:00:01"_s);
+        events.append(object.value(u"event"_s).toString() + object.value(u"data"_s).toString());
     }
-    QCOMPARE(events, QStringList({ QStringLiteral("ready"), QStringLiteral("sent0102"),
-                                   QStringLiteral("received0102"), QStringLiteral("gone") }));
+    QCOMPARE(events, QStringList({ u"ready"_s, u"sent0102"_s, u"received0102"_s, u"gone"_s }));
 
-    const Result failed = host(QStringLiteral("--json connect x"));
+    const Result failed = host(u"--json connect x"_s);
     const QJsonObject object = QJsonDocument::fromJson(failed.out.toUtf8()).object();
-    QCOMPARE(object.value(QStringLiteral("event")).toString(), QStringLiteral("error"));
-    QVERIFY(object.value(QStringLiteral("message")).toString().contains(QLatin1String("address")));
+    QCOMPARE(object.value(u"event"_s).toString(), u"error"_s);
+    QVERIFY(object.value(u"message"_s).toString().contains(QLatin1String("address")));
 }
 
 void TestPrograms::interruptionLeavesNoLink_data()
@@ -292,11 +283,9 @@ void TestPrograms::interruptionLeavesNoLink_data()
     QTest::addColumn<QString>("connect");
     QTest::addColumn<QString>("event"); // what is waited for before the signal
     QTest::addColumn<int>("signal");
-    QTest::newRow("ready") << QStringLiteral("accept") << QStringLiteral("is ready") << SIGINT;
-    QTest::newRow("ready, terminated")
-            << QStringLiteral("accept") << QStringLiteral("is ready") << SIGTERM;
-    QTest::newRow("connecting") << QStringLiteral("hang") << QStringLiteral("ConnectingState")
-                                << SIGINT;
+    QTest::newRow("ready") << u"accept"_s << u"is ready"_s << SIGINT;
+    QTest::newRow("ready, terminated") << u"accept"_s << u"is ready"_s << SIGTERM;
+    QTest::newRow("connecting") << u"hang"_s << u"ConnectingState"_s << SIGINT;
 }
 
 void TestPrograms::interruptionLeavesNoLink()
@@ -305,48 +294,45 @@ void TestPrograms::interruptionLeavesNoLink()
     QFETCH(QString, event);
     QFETCH(int, signal);
     const Result result = script(
-            QStringLiteral("$LIGHTS ctl set C0:FF:EE:00:00:01 connect %1; "
-                           "(sh -c 'echo $$; exec $HOST --log listen C0:FF:EE:00:00:01 2>&1'; "
-                           "echo status $?) | { read -r pid; while read -r line; do case $line in "
-                           "*'%2'*) kill -%3 $pid;; status*) echo $line;; esac; done; }; "
-                           "$LIGHTS ctl connected; $LIGHTS ctl calls | grep -c Device1.Disconnect")
+            u"$LIGHTS ctl set C0:FF:EE:00:00:01 connect %1; (sh -c 'echo "
+            "$$; exec $HOST --log listen C0:FF:EE:00:00:01 2>&1'; echo "
+            "status $?) | { read -r pid; while read -r line; do case $line "
+            "in *'%2'*) kill -%3 $pid;; status*) echo $line;; esac; done; "
+            "}; $LIGHTS ctl connected; $LIGHTS ctl calls | grep -c Device1.Disconnect"_s
                     .arg(connect, event, QString::number(signal)));
-    QCOMPARE(result.out, QStringLiteral("status %1\n1\n").arg(128 + signal));
+    QCOMPARE(result.out, u"status %1\n1\n"_s.arg(128 + signal));
 }
 
 void TestPrograms::namesDoNotMoveTheCursor()
 {
-    const Result result = script(QStringLiteral("$HOST --for 0.5 scan"),
-                                 { QStringLiteral("--light"),
-                                   QStringLiteral(
-                                           "type=3,address=C0:FF:EE:00:00:01,name=\"Corvel light "
-                                           "%1\\u001b[2J\\u009b\\r\\n%n\"") });
-    QCOMPARE(result.out, QStringLiteral("   3  C0:FF:EE:00:00:01  Corvel light "
-                                        "%1\\u001b[2J\\u009b\\u000d\\u000a%n\n"
-                                        "1 light was found.\n"));
+    const Result result = script(u"$HOST --for 0.5 scan"_s,
+                                 { u"--light"_s,
+                                   u"type=3,address=C0:FF:EE:00:00:01,"
+                                   "name=\"Corvel light %1\\u001b[2J\\u009b\\r\\n%n\""_s });
+    QCOMPARE(result.out,
+             u"   3  C0:FF:EE:00:00:01  Corvel light %1\\u001b[2J\\u009b\\u000d\\u000a%n\n"
+             "1 light was found.\n"_s);
 }
 
 void TestPrograms::describedLights()
 {
     QTemporaryDir directory;
-    QFile file(directory.filePath(QStringLiteral("lights.json")));
+    QFile file(directory.filePath(u"lights.json"_s));
     QVERIFY(file.open(QIODevice::WriteOnly));
     file.write("[ { \"type\": 162, \"address\": \"0A:00:00:00:00:01\", \"layout\": \"a002\" },\n"
                "  { \"manufacturer\": \"3c050000a70000\", \"address\": \"0A:00:00:00:00:02\",\n"
                "    \"name\": \"any\", \"latency\": 20 } ]\n");
     file.close();
-    const Result result = host(QStringLiteral("--lights %1 connect 0A:00:00:00:00:01 "
-                                              "0A:00:00:00:00:02")
-                                       .arg(file.fileName()));
+    const Result result = host(
+            u"--lights %1 connect 0A:00:00:00:00:01 0A:00:00:00:00:02"_s.arg(file.fileName()));
     QCOMPARE(result.err, QString());
-    QCOMPARE(result.out.split(QLatin1Char('\n')).filter(QStringLiteral("is ready")).size(), 2);
+    QCOMPARE(result.out.split(QLatin1Char('\n')).filter(u"is ready"_s).size(), 2);
 
-    const Result crowd = script(QStringLiteral("$HOST --for 2 scan | tail -n 1; "
-                                               "$LIGHTS ctl add '{\"address\": "
-                                               "\"0A:00:00:00:00:01\", \"type\": 1}'; "
-                                               "$LIGHTS ctl lights | wc -l"),
-                                { QStringLiteral("--crowd"), QStringLiteral("100") });
-    QCOMPARE(crowd.out, QStringLiteral("100 lights were found.\n101\n"));
+    const Result crowd =
+            script(u"$HOST --for 2 scan | tail -n 1; $LIGHTS ctl add '{\"address\": "
+                   "\"0A:00:00:00:00:01\", \"type\": 1}'; $LIGHTS ctl lights | wc -l"_s,
+                   { u"--crowd"_s, u"100"_s });
+    QCOMPARE(crowd.out, u"100 lights were found.\n101\n"_s);
 }
 
 void TestPrograms::nonsenseLights_data()
@@ -377,13 +363,12 @@ void TestPrograms::nonsenseLights()
     QFETCH(QByteArray, text);
     QFETCH(QString, reason);
     QTemporaryDir directory;
-    QFile file(directory.filePath(QStringLiteral("lights.json")));
+    QFile file(directory.filePath(u"lights.json"_s));
     QVERIFY(file.open(QIODevice::WriteOnly));
     file.write(text);
     file.close();
     const Result result = run(QString::fromLatin1(lightsFile),
-                              { QStringLiteral("--lights"), file.fileName(), QStringLiteral("--"),
-                                QStringLiteral("true") });
+                              { u"--lights"_s, file.fileName(), u"--"_s, u"true"_s });
     QCOMPARE(result.status, 2);
     QVERIFY2(result.err.startsWith(QLatin1String("corvelkx-lights: ") + file.fileName() + reason),
              qPrintable(result.err));
@@ -391,18 +376,16 @@ void TestPrograms::nonsenseLights()
 
 void TestPrograms::lightsLeaveNothingBehind()
 {
-    QCOMPARE(script(QStringLiteral("exit 7")).status, 7);
-    QCOMPARE(script(QStringLiteral("kill -TERM $$")).status, 128 + SIGTERM);
-    QCOMPARE(run(QString::fromLatin1(lightsFile), { QStringLiteral("--"), QStringLiteral("/no") })
-                     .status,
-             127);
+    QCOMPARE(script(u"exit 7"_s).status, 7);
+    QCOMPARE(script(u"kill -TERM $$"_s).status, 128 + SIGTERM);
+    QCOMPARE(run(QString::fromLatin1(lightsFile), { u"--"_s, u"/no"_s }).status, 127);
 
     for (const int signal : { SIGINT, SIGTERM, SIGKILL }) {
         // The command tells where the bus is, and holds on.
         QProcess process;
         process.start(QString::fromLatin1(lightsFile),
-                      { QStringLiteral("--"), QStringLiteral("sh"), QStringLiteral("-c"),
-                        QStringLiteral("echo $DBUS_SYSTEM_BUS_ADDRESS $$; exec sleep 600") });
+                      { u"--"_s, u"sh"_s, u"-c"_s,
+                        u"echo $DBUS_SYSTEM_BUS_ADDRESS $$; exec sleep 600"_s });
         QVERIFY(process.waitForReadyRead(limit));
         const QString line = QString::fromLatin1(process.readLine()).trimmed();
         const QString socket = line.section(QLatin1Char('='), 1).section(QLatin1Char(','), 0, 0);

@@ -4,6 +4,8 @@
 #include <QSignalSpy>
 #include <QTest>
 
+using Qt::StringLiterals::operator""_s;
+
 namespace {
 
 constexpr char16_t realAddress[] = u"C0:FF:EE:00:E5:F6";
@@ -61,14 +63,14 @@ void TestRecognition::advertisement_data()
     for (const int code : { 1, 2, 3, 5, 6, 7 }) {
         const QByteArray hex = QByteArray("3c010000")
                                + QByteArray::number(code).rightJustified(2, '0') + "0000";
-        row(qPrintable(QStringLiteral("type %1").arg(code)), realAddress, "", hex, code);
+        row(qPrintable(u"type %1"_s.arg(code)), realAddress, "", hex, code);
     }
     row("type 162", realAddress, "", "3c030000a20000", 162);
     row("type 163", realAddress, "", "3c030000a30000", 163);
     row("type 1001", realAddress, "x", "3c050000a70000", 1001, address, "Corvel J7300(E5F6)");
 
     for (const char *code : { "00", "04", "08", "a2", "a7", "ff" })
-        row(qPrintable(QStringLiteral("family 1, code ") + QLatin1String(code)), realAddress, "",
+        row(qPrintable(u"family 1, code "_s + QLatin1String(code)), realAddress, "",
             QByteArray("3c010000") + code + "0000", -1);
     row("family 5, neighbour", realAddress, "", "3c050000a60000", -1);
     row("family 3, neighbour", realAddress, "", "3c030000a40000", -1);
@@ -117,25 +119,24 @@ void TestRecognition::advertisement()
                             value.isEmpty() ? QList<QByteArray>() : QList<QByteArray> { value }));
 
     const QStringList lines = log.lines();
-    QVERIFY(lines.at(0).startsWith(
-            QStringLiteral("[BLEManager::slotDeviceDiscovered] device name: ")));
-    QVERIFY(lines.at(0).endsWith(QStringLiteral("  mac addr: \"%1\"  valid: true").arg(reported)));
-    QVERIFY(lines.at(1).contains(QStringLiteral("manufactureData:  QMultiHash(")));
+    QVERIFY(lines.at(0).startsWith(u"[BLEManager::slotDeviceDiscovered] device name: "_s));
+    QVERIFY(lines.at(0).endsWith(u"  mac addr: \"%1\"  valid: true"_s.arg(reported)));
+    QVERIFY(lines.at(1).contains(u"manufactureData:  QMultiHash("_s));
     if (type == -1) {
         QVERIFY(discovered.isEmpty());
         const bool isSupported = lines.size() > 2;
         QCOMPARE(isSupported, reported == QString::fromUtf16(hidden));
         if (isSupported)
-            QCOMPARE(lines.last(), QStringLiteral("[BLEManager::slotDeviceDiscovered] invalid "
-                                                  "macAddr: \"00:00:00:00:00:00\""));
+            QCOMPARE(
+                    lines.last(),
+                    u"[BLEManager::slotDeviceDiscovered] invalid macAddr: \"00:00:00:00:00:00\""_s);
         return;
     }
     QCOMPARE(discovered, QList<QVariantList>({ { type, address, displayed } }));
     QCOMPARE(lines.size(), 4);
-    QVERIFY(lines.at(2).startsWith(QStringLiteral("supportedBleDevice: \"")));
-    QCOMPARE(lines.at(3), QStringLiteral("[BLEManager::slotDeviceDiscovered]  QList(1) mac addr:  "
-                                         "\"%1\"")
-                                  .arg(address));
+    QVERIFY(lines.at(2).startsWith(u"supportedBleDevice: \""_s));
+    QCOMPARE(lines.at(3),
+             u"[BLEManager::slotDeviceDiscovered]  QList(1) mac addr:  \"%1\""_s.arg(address));
 }
 
 void TestRecognition::lastMatchDecides()
@@ -165,7 +166,7 @@ void TestRecognition::firstSightingIsKept()
     QSignalSpy discovered(&manager, &BLEManager::sigDeviceDiscovered);
     const QString address = QString::fromUtf16(realAddress);
     for (const char *hex : { "3c010000030000", "3c050000a70000", "3c010000030000" })
-        advertise(manager, info(address, QStringLiteral("first"), { QByteArray::fromHex(hex) }));
+        advertise(manager, info(address, u"first"_s, { QByteArray::fromHex(hex) }));
 
     QList<int> types;
     for (const QVariantList &announcement : discovered)
@@ -176,9 +177,10 @@ void TestRecognition::firstSightingIsKept()
     const LogRecorder log;
     manager.removeDevice(address);
     manager.connectToDevice(address);
-    QCOMPARE(log.lines(), QStringList({ QStringLiteral("\"connectToDevice() error, device "
-                                                       "unsupported, mac address: %1\"")
-                                                .arg(address) }));
+    QCOMPARE(log.lines(),
+             QStringList(
+                     { u"\"connectToDevice() error, device unsupported, mac address: %1\""_s.arg(
+                             address) }));
 }
 
 QTEST_GUILESS_MAIN(TestRecognition)

@@ -1,16 +1,17 @@
-#include "BLEManager.h"
-#include "TestSupport.h"
+#include "ManagerTest.h"
 
 #include <QSignalSpy>
 #include <QTest>
 
-class TestScan : public QObject
+using Qt::StringLiterals::operator""_s;
+
+class TestScan : public ManagerTest
 {
     Q_OBJECT
 
 private slots:
     void init();
-    void cleanup();
+    void cleanup() { deleteManager(); }
     void restartAndStop();
     void timeOut();
     void failure_data();
@@ -28,9 +29,6 @@ private:
         return lines;
     }
 
-    Lights m_lights;
-    std::unique_ptr<BLEManager> m_manager;
-    std::unique_ptr<LogRecorder> m_log;
     QBluetoothDeviceDiscoveryAgent *m_agent = nullptr;
 };
 
@@ -44,22 +42,12 @@ void TestScan::init()
     QCOMPARE(m_log->take(), QStringList());
 }
 
-void TestScan::cleanup()
-{
-    // Qt goes on scanning for an agent that is deleted while it scans.
-    m_manager->stop();
-    m_manager.reset();
-    m_log.reset();
-    m_lights.order(QStringLiteral("adapter"), { QStringLiteral("return") });
-    m_lights.order(QStringLiteral("adapter"), { QStringLiteral("on") });
-}
-
 void TestScan::restartAndStop()
 {
     QSignalSpy discovered(m_manager.get(), &BLEManager::sigDeviceDiscovered);
     QSignalSpy finished(m_manager.get(), &BLEManager::sigDeviceDiscoveredFinished);
     m_manager->stop();
-    QCOMPARE(m_log->take(), QStringList({ QStringLiteral("[BLEManager::stop] enter...") }));
+    QCOMPARE(m_log->take(), QStringList({ u"[BLEManager::stop] enter..."_s }));
 
     m_manager->start();
     QVERIFY(waitFor([&] { return !discovered.isEmpty(); }));
@@ -68,14 +56,13 @@ void TestScan::restartAndStop()
     QVERIFY(m_agent->isActive());
     m_manager->stop();
     QVERIFY(!m_agent->isActive());
-    QCOMPARE(withoutSightings(),
-             QStringList({
-                     QStringLiteral("[BLEManager::start] enter"),
-                     QStringLiteral("[BLEManager::start] enter"),
-                     QStringLiteral("[BLEManager::start] enter : stop curent, restart"),
-                     QStringLiteral("[BLEManager::stop] enter..."),
-                     QStringLiteral("[BLEManager::stop] m_discoveryAgent->stop()"),
-             }));
+    QCOMPARE(withoutSightings(), QStringList({
+                                         u"[BLEManager::start] enter"_s,
+                                         u"[BLEManager::start] enter"_s,
+                                         u"[BLEManager::start] enter : stop curent, restart"_s,
+                                         u"[BLEManager::stop] enter..."_s,
+                                         u"[BLEManager::stop] m_discoveryAgent->stop()"_s,
+                                 }));
     QVERIFY(finished.isEmpty());
 }
 
@@ -89,9 +76,9 @@ void TestScan::timeOut()
     QCOMPARE(finished.size(), 1);
     QCOMPARE(failed.size(), 0);
     QCOMPARE(withoutSightings(), QStringList({
-                                         QStringLiteral("[BLEManager::start] enter"),
-                                         QStringLiteral("[BLEManager::slotDevDiscoveryFinished]"),
-                                         QStringLiteral("[BLEManager::stop] enter..."),
+                                         u"[BLEManager::start] enter"_s,
+                                         u"[BLEManager::slotDevDiscoveryFinished]"_s,
+                                         u"[BLEManager::stop] enter..."_s,
                                  }));
 }
 
@@ -99,42 +86,39 @@ void TestScan::failure_data()
 {
     QTest::addColumn<QString>("adapter");
     QTest::addColumn<QBluetoothDeviceDiscoveryAgent::Error>("error");
-    QTest::newRow("off") << QStringLiteral("off")
-                         << QBluetoothDeviceDiscoveryAgent::PoweredOffError;
-    QTest::newRow("missing") << QStringLiteral("remove")
-                             << QBluetoothDeviceDiscoveryAgent::InputOutputError;
+    QTest::newRow("off") << u"off"_s << QBluetoothDeviceDiscoveryAgent::PoweredOffError;
+    QTest::newRow("missing") << u"remove"_s << QBluetoothDeviceDiscoveryAgent::InputOutputError;
 }
 
 void TestScan::failure()
 {
     QFETCH(QString, adapter);
     QFETCH(QBluetoothDeviceDiscoveryAgent::Error, error);
-    m_lights.order(QStringLiteral("adapter"), { adapter });
+    m_lights.order(u"adapter"_s, { adapter });
 
     QStringList order;
     connect(m_manager.get(), &BLEManager::sigDeviceDiscoveredErrorOccurred, this,
             [&](QBluetoothDeviceDiscoveryAgent::Error e) {
                 QCOMPARE(e, error);
-                order.append(QStringLiteral("error"));
+                order.append(u"error"_s);
             });
     connect(m_manager.get(), &BLEManager::sigDeviceDiscoveredFinished, this,
-            [&] { order.append(QStringLiteral("finished")); });
+            [&] { order.append(u"finished"_s); });
     m_manager->start();
     QVERIFY(waitFor([&] { return order.size() >= 2; }));
-    QCOMPARE(order, QStringList({ QStringLiteral("error"), QStringLiteral("finished") }));
+    QCOMPARE(order, QStringList({ u"error"_s, u"finished"_s }));
     QCOMPARE(withoutSightings(),
              QStringList({
-                     QStringLiteral("[BLEManager::start] enter"),
-                     QStringLiteral("[BLEManager::slotDevDiscoveryErrOccurred], error:  %1")
-                             .arg(int(error)),
-                     QStringLiteral("[BLEManager::stop] enter..."),
+                     u"[BLEManager::start] enter"_s,
+                     u"[BLEManager::slotDevDiscoveryErrOccurred], error:  %1"_s.arg(int(error)),
+                     u"[BLEManager::stop] enter..."_s,
              }));
 
     // The host may scan again as soon as there is something to scan with, and Qt has seen what
     // went.
     QCoreApplication::processEvents();
-    m_lights.order(QStringLiteral("adapter"), { QStringLiteral("return") });
-    m_lights.order(QStringLiteral("adapter"), { QStringLiteral("on") });
+    m_lights.order(u"adapter"_s, { u"return"_s });
+    m_lights.order(u"adapter"_s, { u"on"_s });
     QSignalSpy discovered(m_manager.get(), &BLEManager::sigDeviceDiscovered);
     m_manager->start();
     QVERIFY(waitFor([&] { return !discovered.isEmpty(); }));
@@ -152,11 +136,9 @@ void TestScan::rescanFindsKnownLightsAgain()
 
     // Changed bytes are one more announcement, of the type that they tell.
     discovered.clear();
-    m_lights.order(QStringLiteral("advertise"),
-                   { QStringLiteral("C0:FF:EE:00:00:01"), QStringLiteral("3c050000a70000") });
+    m_lights.order(u"advertise"_s, { u"C0:FF:EE:00:00:01"_s, u"3c050000a70000"_s });
     QVERIFY(waitFor([&] { return !discovered.isEmpty(); }));
     QCOMPARE(discovered.at(0).at(0).toInt(), 1001);
-    m_lights.set(QStringLiteral("C0:FF:EE:00:00:01"), QStringLiteral("type"), QStringLiteral("1"));
 }
 
 QTEST_GUILESS_MAIN(TestScan)
