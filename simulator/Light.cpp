@@ -199,6 +199,7 @@ const QHash<QString, Setting> &settings()
         { QStringLiteral("reads"), refusalSetting(&Light::refuseReads) },
         { QStringLiteral("writes"), refusalSetting(&Light::refuseWrites) },
         { QStringLiteral("authentication"), flagSetting(&Light::authentication) },
+        { QStringLiteral("authenticationFirst"), flagSetting(&Light::authenticationFirst) },
         { QStringLiteral("advertising"), flagSetting(&Light::advertising) },
         { QStringLiteral("echo"), flagSetting(&Light::echo) },
         { QStringLiteral("resolve"), flagSetting(&Light::resolve) },
@@ -270,7 +271,8 @@ QList<GattService> Light::services() const
                        { bluetoothUuid("0000fff2"), { commandFlag, writeFlag }, {} } } });
     }
     if (authentication) {
-        all.append({ vendorUuid("f000ffc0"),
+        all.insert(authenticationFirst ? 0 : all.size(),
+                   { vendorUuid("f000ffc0"),
                      { { vendorUuid("f000ffc1"), { writeFlag, notifyFlag }, { configurationUuid } },
                        { vendorUuid("f000ffc2"), { readFlag, commandFlag }, {} } } });
     }

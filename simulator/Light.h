@@ -36,6 +36,7 @@ struct Light
     QByteArray manufacturer;
     QString layout = QStringLiteral("fff0");
     bool authentication = false;
+    bool authenticationFirst = false; //!< before the other services, where the order matters
     bool advertising = true;
     bool echo = true;
     int latency = 0;         //!< ms from Connect to the link

@@ -24,13 +24,18 @@ constexpr int notFound = 127;
 constexpr int signalBase = 128;
 
 volatile sig_atomic_t commandPid = 0;
+volatile sig_atomic_t earlySignal = 0;
 
 // A terminal signals the command by itself; what was sent to this process alone is handed on.
 // Either way this process stays until the command has ended.
 void handOn(int signal, siginfo_t *info, void *)
 {
-    if (info->si_code <= 0 && commandPid > 0)
+    if (info->si_code > 0)
+        return;
+    if (commandPid > 0)
         kill(commandPid, signal);
+    else
+        earlySignal = signal;
 }
 
 void handSignalsOn()
@@ -177,6 +182,8 @@ int runCommand(const Options &options, const QString &busAddress)
                         command.error() == QProcess::FailedToStart ? notFound : cannotRun);
     }
     commandPid = static_cast<sig_atomic_t>(command.processId());
+    if (earlySignal)
+        kill(commandPid, earlySignal);
     return QCoreApplication::exec();
 }
 

@@ -1,0 +1,97 @@
+#pragma once
+
+#include <QBluetoothDeviceDiscoveryAgent>
+#include <QBluetoothDeviceInfo>
+#include <QBluetoothUuid>
+#include <QByteArray>
+#include <QLowEnergyCharacteristic>
+#include <QLowEnergyController>
+#include <QLowEnergyService>
+#include <QObject>
+
+/*!
+    A client for one light: the one that advertises itself as "Corvel light(DM41)", exactly so.
+
+    Constructing it starts a scan; the first light of that name is connected, both vendor services
+    are looked for, and what the light notifies comes as dataReceived(). It knows nothing of the
+    plugin or its manager.
+
+    \b Thread. Lives on the thread that creates it, which needs an event loop; call it there only.
+    The UUID accessors may be called on any thread.
+
+    \b Ownership. Owned by its parent, or by whoever creates it without one. It may be destroyed at
+    any moment; that drops the link, and nothing is emitted any more.
+
+    \b Order. Nothing has to be called first. A write succeeds only once the characteristic is bound
+    \e and its service's details are known. There is no signal for that, and earlier writes are lost
+    without a word: where the platform lists characteristics at once (Linux), they are bound when the
+    scan for services ends, while the details are still being read, and Qt refuses (OperationError)
+    and forgets a write in that time. The log line that tells of the discovered state of the service
+    is the sign.
+
+    \b Failure. None is reported: a scan without success, a connection that fails, a refused write and
+    a lost link all end in silence, and nothing is tried again. Destroy the client and create a new
+    one. A light that lacks one of the services serves with the other one.
+
+    \b What \b never \b comes. The client switches no notifications on: where the platform needs that
+    (Linux), dataReceived() is emitted only if somebody else did. The identification byte is sent only
+    where the main characteristic is bound by a change of its service's state, so not where the end of
+    the scan for services has bound it (Linux).
+*/
+class MYBLE : public QObject
+{
+    Q_OBJECT
+
+public:
+    /*! Creates the client and starts scanning. */
+    explicit MYBLE(QObject *parent = nullptr);
+    /*! Drops the link, if there is one. */
+    ~MYBLE() override;
+
+    /*!
+        Writes \a data to the main service's characteristic, always with response. Nothing happens
+        where that is not bound or takes no writes.
+    */
+    void sendMessage(const QByteArray &data);
+    /*!
+        Writes \a data to the order service's characteristic, always without response. Nothing
+        happens where that is not bound or takes no writes.
+    */
+    void sendMessageOrder(const QByteArray &data);
+
+    static const QBluetoothUuid &getKxServiceUuid();
+    static const QBluetoothUuid &getKxServiceOrderUuid();
+    static const QBluetoothUuid &getKxIDCharUuid();
+    static const QBluetoothUuid &getKxIDOrderCharUuid();
+    static const QBluetoothUuid &getKxBlockCharUuid();
+
+signals:
+    /*! The light notified \a data, on any characteristic of either service. */
+    void dataReceived(const QByteArray &data);
+
+public slots:
+    void deviceDiscovered(const QBluetoothDeviceInfo &device);
+    void deviceConnected();
+    void serviceDiscovered(const QBluetoothUuid &gatt);
+    void serviceStateChanged(QLowEnergyService::ServiceState);
+    void serviceScanDone();
+    void updateCharacteristicValue(const QLowEnergyCharacteristic &, const QByteArray &value);
+    void characteristicWritten(const QLowEnergyCharacteristic &characteristic,
+                               const QByteArray &newValue);
+    void characteristicRead(const QLowEnergyCharacteristic &info, const QByteArray &value);
+    void handleError(QLowEnergyController::Error newError);
+
+private:
+    QLowEnergyService *openService(const QBluetoothUuid &gatt);
+    void bindMain();
+    void bindOrder();
+
+    QByteArray dataRecvd;
+    QLowEnergyCharacteristic writeCharacteristic;
+    QLowEnergyCharacteristic writeCharacteristicOrder;
+    QByteArray OrderdataRecvd;
+    QBluetoothDeviceDiscoveryAgent *discoveryAgent;
+    QLowEnergyController *controller;
+    QLowEnergyService *service;
+    QLowEnergyService *serviceOrder;
+};
