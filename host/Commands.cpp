@@ -55,14 +55,6 @@ QString scanFailure(QBluetoothDeviceDiscoveryAgent::Error error)
                    : reason(error) + QLatin1String(" Try --simulate for virtual lights.");
 }
 
-std::optional<QByteArray> bytesFromHex(const QString &hex)
-{
-    static const QRegularExpression pairs(QStringLiteral("\\A([0-9A-Fa-f]{2})+\\z"));
-    if (!pairs.match(hex).hasMatch())
-        return std::nullopt;
-    return QByteArray::fromHex(hex.toLatin1());
-}
-
 QString describe(const Session &session, const QString &address)
 {
     const Session::Found light = session.found().value(address);
@@ -235,9 +227,7 @@ int Commands::send(const QString &address, const QString &hex)
         return status;
     const auto data = bytesFromHex(hex);
     if (!data) {
-        m_output->complain(
-                QStringLiteral("\"%1\" is no payload; one is a row of hexadecimal pairs.")
-                        .arg(printable(hex)));
+        m_output->complain(notHex(hex));
         return usageError;
     }
     if (const int status = makeReady({ address }))

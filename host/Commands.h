@@ -2,6 +2,7 @@
 
 #include "Output.h"
 #include "Session.h"
+#include "Text.h"
 
 #include <chrono>
 #include <optional>
@@ -58,6 +59,3 @@ QString scanFailure(QBluetoothDeviceDiscoveryAgent::Error error);
 
 /*! One line about the light \a address that \a session has found. */
 QString describe(const Session &session, const QString &address);
-
-/*! The bytes that \a hex spells in pairs, or nothing where it spells none. */
-std::optional<QByteArray> bytesFromHex(const QString &hex);

@@ -1,5 +1,6 @@
 #include "Output.h"
 
+#include <QCoreApplication>
 #include <QJsonDocument>
 #include <QTextStream>
 
@@ -35,7 +36,7 @@ void Output::complain(const QString &sentence)
     if (m_json)
         report(QStringLiteral("error"), { { QStringLiteral("message"), sentence } }, {});
     live({});
-    QTextStream(stderr) << "corvelkx-host: " << sentence << Qt::endl;
+    QTextStream(stderr) << QCoreApplication::applicationName() << ": " << sentence << Qt::endl;
 }
 
 void Output::live(const QString &text)
@@ -61,17 +62,4 @@ QString Output::styled(const char *code, const QString &text) const
     return m_hasColour && !m_json
                    ? QStringLiteral("\033[%1m%2\033[0m").arg(QLatin1String(code), text)
                    : text;
-}
-
-QString printable(const QString &text)
-{
-    QString safe;
-    const auto codePoints = text.toUcs4();
-    for (const char32_t codePoint : codePoints) {
-        if (QChar::isPrint(codePoint))
-            safe += QString::fromUcs4(&codePoint, 1);
-        else
-            safe += QStringLiteral("\\u%1").arg(uint(codePoint), 4, 16, QLatin1Char('0'));
-    }
-    return safe;
 }

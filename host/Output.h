@@ -25,7 +25,7 @@ public:
     void report(const QString &name, const QJsonObject &fields, const QString &text);
     /*! Prints \a text for people only. */
     void say(const QString &text);
-    /*! Prints "corvelkx-host: sentence" to the standard error output, and an event for programs. */
+    /*! Prints "program: sentence" to the standard error output, and an event for programs. */
     void complain(const QString &sentence);
     /*! Replaces the live line of a terminal with \a text; nothing elsewhere. */
     void live(const QString &text);
@@ -50,6 +50,3 @@ private:
     bool m_hasColour;
     bool m_hasLiveLine = false;
 };
-
-/*! \a text with everything that is not printable spelt as \\uXXXX. */
-QString printable(const QString &text);

@@ -11,15 +11,6 @@ using std::chrono::milliseconds;
 
 namespace {
 
-std::optional<milliseconds> fromSeconds(const QString &text)
-{
-    bool isNumber = false;
-    const double value = text.toDouble(&isNumber);
-    if (!isNumber || value < 0 || value > 86400)
-        return std::nullopt;
-    return milliseconds(qRound64(value * 1000));
-}
-
 class Shell
 {
 public:

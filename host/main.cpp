@@ -9,9 +9,6 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
-#include <QLoggingCategory>
-#include <QStandardPaths>
-#include <QTextStream>
 
 #include <cerrno>
 #include <cstring>
@@ -32,6 +29,8 @@ constexpr char description[] =
         "  connect ADDRESS...     connect lights, tell when they are ready, let them go\n"
         "  send ADDRESS HEX       send one payload and print what comes back\n"
         "  listen ADDRESS...      print what the lights send, until interrupted\n"
+        "  single [HEX...]        the single-device client: send payloads, given or typed, to the\n"
+        "                         light \"Corvel light(DM41)\" and print what it notifies\n"
         "  demo                   the whole road, from the scan to the farewell\n"
         "  shell                  the same commands typed by hand; try help there\n"
         "\n"
@@ -48,6 +47,7 @@ struct CommandLine
     bool simulate = false;
     bool log = false;
     bool json = false;
+    bool order = false;
 };
 
 QString defaultPlugin()
@@ -62,11 +62,10 @@ std::optional<milliseconds> secondsOption(const QCommandLineParser &parser, cons
 {
     if (!parser.isSet(name))
         return std::nullopt;
-    bool isNumber = false;
-    const double value = parser.value(name).toDouble(&isNumber);
-    if (!isNumber || !(value >= 0 && value <= 86400))
+    const auto value = fromSeconds(parser.value(name));
+    if (!value)
         *error = QStringLiteral("--%1 takes a number of seconds.").arg(name);
-    return milliseconds(isNumber ? qRound64(value * 1000) : 0);
+    return value;
 }
 
 // Returns what is wrong with the command, or nothing.
@@ -81,6 +80,8 @@ QString check(const QStringList &words)
         return given == 0 ? QString() : QStringLiteral("%1 takes no more words.").arg(name);
     if (name == QLatin1String("connect") || name == QLatin1String("listen"))
         return given > 0 ? QString() : QStringLiteral("%1 needs an address.").arg(name);
+    if (name == QLatin1String("single"))
+        return {};
     if (name == QLatin1String("send"))
         return given == 2 ? QString() : QStringLiteral("send needs an address and a payload.");
     return QStringLiteral("\"%1\" is no command; try --help.").arg(printable(name));
@@ -102,9 +103,10 @@ CommandLine parse()
     option("log", "Show the debug log on the standard error output.");
     option("json", "Print one JSON object a line.");
     option("timeout", "Wait at most <seconds> for each thing; 30 by default.", "seconds");
-    option("for", "Scan or listen for <seconds>; 20 and for ever by default.", "seconds");
+    option("for", "Scan or listen for <seconds>; 20 and without an end by default.", "seconds");
     option("count", "Listen for <number> messages.", "number");
     option("answer", "Let send fail where no answer comes.");
+    option("order", "Let single write to the light's order service.");
     parser.addPositionalArgument(QStringLiteral("COMMAND"), QStringLiteral("One of the above."));
 
     CommandLine line;
@@ -123,6 +125,7 @@ CommandLine parse()
     line.simulate = parser.isSet(QStringLiteral("simulate")) || !line.lights.isEmpty();
     line.log = parser.isSet(QStringLiteral("log"));
     line.json = parser.isSet(QStringLiteral("json"));
+    line.order = parser.isSet(QStringLiteral("order"));
     line.error = check(line.words);
     line.waits.duration = secondsOption(parser, QStringLiteral("for"), &line.error);
     line.waits.timeout = secondsOption(parser, QStringLiteral("timeout"), &line.error)
@@ -137,32 +140,51 @@ CommandLine parse()
     return line;
 }
 
-void logToStandardError(QtMsgType, const QMessageLogContext &, const QString &message)
+// Becomes the program \a name beside this one; returns only to tell why not.
+QString becomeProgram(const QString &name, const QStringList &arguments)
 {
-    QTextStream(stderr) << message << Qt::endl;
+    const QString program = QCoreApplication::applicationDirPath() + QLatin1Char('/') + name;
+    const QStringList words = QStringList { program } + arguments;
+    QList<QByteArray> bytes;
+    for (const QString &word : words)
+        bytes.append(QFile::encodeName(word));
+    std::vector<char *> pointers;
+    for (QByteArray &word : bytes)
+        pointers.push_back(word.data());
+    pointers.push_back(nullptr);
+    execv(pointers.front(), pointers.data());
+    return QStringLiteral("%1 cannot be started: %2")
+            .arg(program, QString::fromLocal8Bit(std::strerror(errno)));
 }
 
-// Becomes the program that offers virtual lights, which runs this one again among them.
+// Runs this program again, among virtual lights.
 QString enterVirtualLights(const CommandLine &line)
 {
-    const QString program = QCoreApplication::applicationDirPath()
-                            + QLatin1String("/corvelkx-lights");
-    QStringList words { program };
+    QStringList arguments;
     if (!line.lights.isEmpty())
-        words += { QStringLiteral("--lights"), line.lights };
-    words += { QStringLiteral("--"), QCoreApplication::applicationFilePath() };
-    words += QCoreApplication::arguments().mid(1);
+        arguments = { QStringLiteral("--lights"), line.lights };
+    arguments += { QStringLiteral("--"), QCoreApplication::applicationFilePath() };
+    return becomeProgram(QStringLiteral("corvelkx-lights"),
+                         arguments + QCoreApplication::arguments().mid(1));
+}
 
-    QList<QByteArray> bytes;
-    for (const QString &word : std::as_const(words))
-        bytes.append(QFile::encodeName(word));
-    std::vector<char *> arguments;
-    for (QByteArray &word : bytes)
-        arguments.push_back(word.data());
-    arguments.push_back(nullptr);
-    execv(arguments.front(), arguments.data());
-    return QStringLiteral("The virtual lights cannot be started: %1: %2")
-            .arg(program, QString::fromLocal8Bit(std::strerror(errno)));
+// The single-device client lives in a program of its own, for this one links nothing of ours.
+QString becomeSingle(const CommandLine &line)
+{
+    QStringList arguments;
+    if (line.log)
+        arguments += QStringLiteral("--log");
+    if (line.json)
+        arguments += QStringLiteral("--json");
+    arguments += QStringLiteral("--timeout");
+    arguments += QString::number(double(line.waits.timeout.count()) / 1000);
+    if (line.waits.duration) {
+        arguments += QStringLiteral("--for");
+        arguments += QString::number(double(line.waits.duration->count()) / 1000);
+    }
+    if (line.order)
+        arguments += QStringLiteral("--order");
+    return becomeProgram(QStringLiteral("corvelkx-single"), arguments + line.words.mid(1));
 }
 
 int carryOut(const CommandLine &line, Session *session, Output *output, Interrupt *interrupt)
@@ -207,10 +229,11 @@ int main(int argc, char *argv[])
         return EXIT_FAILURE;
     }
 
-    qInstallMessageHandler(logToStandardError);
-    QLoggingCategory::setFilterRules(line.log ? QStringLiteral("*.debug=false\ndefault.debug=true")
-                                              : QStringLiteral("*.debug=false\n*.info=false\n"
-                                                               "*.warning=false"));
+    if (line.words.first() == QLatin1String("single")) {
+        output.complain(becomeSingle(line));
+        return EXIT_FAILURE;
+    }
+    showLog(line.log);
     Interrupt interrupt;
     Session session;
     QObject::connect(&interrupt, &Interrupt::interrupted, &session, &Session::interrupt);

@@ -73,6 +73,7 @@ private slots:
     void listen();
     void shell();
     void demo();
+    void single();
     void json();
     void interruptionLeavesNoLink_data();
     void interruptionLeavesNoLink();
@@ -257,6 +258,24 @@ void TestPrograms::demo()
            "plugin  sigDeviceDisconnected C0:FF:EE:00:00:03" })
         QVERIFY2(result.out.contains(QLatin1String("  ") + QLatin1String(line) + QLatin1Char('\n')),
                  line);
+}
+
+void TestPrograms::single()
+{
+    const Result result = script(
+            u"$HOST single 0102 ff && printf '01\nno\n02' | $HOST --order --for 0.1 single; "
+            "echo status $?; $LIGHTS ctl written C0:FF:EE:00:00:03 | cut -d ' ' -f 2-; "
+            "$LIGHTS ctl connected; $LIGHTS ctl set C0:FF:EE:00:00:03 name other; "
+            "$LIGHTS ctl adapter remove; $LIGHTS ctl adapter return; "
+            "$HOST --timeout 0.5 single 01; echo status $?"_s);
+    QCOMPARE(result.out,
+             u"the light is ready\nthe light was sent 0102\nthe light was sent ff\n"
+             "the light is ready\nthe light was sent 01\nthe light was sent 02\nstatus 2\n"
+             "request 0102\nrequest ff\ncommand 01\ncommand 02\nstatus 1\n"_s);
+    QCOMPARE(result.err,
+             u"corvelkx-single: \"no\" is no payload; one is a row of hexadecimal pairs.\n"
+             "corvelkx-single: The light \"Corvel light(DM41)\" did not become ready within "
+             "0.5 s.\n"_s);
 }
 
 void TestPrograms::json()

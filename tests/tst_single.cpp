@@ -43,10 +43,7 @@ private:
     std::unique_ptr<MYBLE> m_client;
 };
 
-void TestSingle::init()
-{
-    m_log = std::make_unique<LogRecorder>();
-}
+void TestSingle::init() { m_log = std::make_unique<LogRecorder>(); }
 
 void TestSingle::cleanup()
 {
@@ -66,13 +63,13 @@ bool TestSingle::isReady() const
 {
     const auto services = m_client->findChildren<QLowEnergyService *>();
     return !services.isEmpty()
-            && std::all_of(services.cbegin(), services.cend(), [](const QLowEnergyService *service) {
-                   return service->state() == QLowEnergyService::RemoteServiceDiscovered;
-               });
+           && std::all_of(services.cbegin(), services.cend(), [](const QLowEnergyService *service) {
+                  return service->state() == QLowEnergyService::RemoteServiceDiscovered;
+              });
 }
 
-// As on platforms where a service's characteristics are not known before its details are: the end of
-// the scan for services finds nothing.
+// As on platforms where a service's characteristics are not known before its details are: the end
+// of the scan for services finds nothing.
 void TestSingle::bindLater()
 {
     QVERIFY(waitFor([this] { return m_client->findChild<QLowEnergyController *>(); }));
@@ -93,19 +90,18 @@ void TestSingle::shape()
     const QMetaObject &meta = MYBLE::staticMetaObject;
     for (int i = meta.methodOffset(); i < meta.methodCount(); ++i)
         methods.append(QString::fromLatin1(meta.method(i).methodSignature()));
-    QCOMPARE(methods,
-             QStringList({
-                     u"dataReceived(QByteArray)"_s,
-                     u"deviceDiscovered(QBluetoothDeviceInfo)"_s,
-                     u"deviceConnected()"_s,
-                     u"serviceDiscovered(QBluetoothUuid)"_s,
-                     u"serviceStateChanged(QLowEnergyService::ServiceState)"_s,
-                     u"serviceScanDone()"_s,
-                     u"updateCharacteristicValue(QLowEnergyCharacteristic,QByteArray)"_s,
-                     u"characteristicWritten(QLowEnergyCharacteristic,QByteArray)"_s,
-                     u"characteristicRead(QLowEnergyCharacteristic,QByteArray)"_s,
-                     u"handleError(QLowEnergyController::Error)"_s,
-             }));
+    QCOMPARE(methods, QStringList({
+                              u"dataReceived(QByteArray)"_s,
+                              u"deviceDiscovered(QBluetoothDeviceInfo)"_s,
+                              u"deviceConnected()"_s,
+                              u"serviceDiscovered(QBluetoothUuid)"_s,
+                              u"serviceStateChanged(QLowEnergyService::ServiceState)"_s,
+                              u"serviceScanDone()"_s,
+                              u"updateCharacteristicValue(QLowEnergyCharacteristic,QByteArray)"_s,
+                              u"characteristicWritten(QLowEnergyCharacteristic,QByteArray)"_s,
+                              u"characteristicRead(QLowEnergyCharacteristic,QByteArray)"_s,
+                              u"handleError(QLowEnergyController::Error)"_s,
+                      }));
     QCOMPARE(MYBLE::getKxBlockCharUuid().toString(QUuid::WithoutBraces),
              u"f000ffc2-0451-4000-b000-000000000000"_s);
 
@@ -165,9 +161,7 @@ void TestSingle::traceWhereCharacteristicsComeLater()
     m_lights.set(light, u"authenticationFirst"_s, u"true"_s);
     create();
     bindLater();
-    QVERIFY(waitFor([this] {
-        return isReady() && !m_log->linesWith(u"newvalue is"_s).isEmpty();
-    }));
+    QVERIFY(waitFor([this] { return isReady() && !m_log->linesWith(u"newvalue is"_s).isEmpty(); }));
     const QStringList lines = trace();
     QCOMPARE(lines.mid(3, 2), linesOf(u"writeCharacteristic不可用\n"
                                       "writeCharacteristicOrder不可用"_s));

@@ -1,0 +1,60 @@
+#include "Text.h"
+
+#include <QLoggingCategory>
+#include <QRegularExpression>
+#include <QTextStream>
+
+namespace {
+
+constexpr double longest = 86400;
+
+void logToStandardError(QtMsgType, const QMessageLogContext &, const QString &message)
+{
+    QTextStream(stderr) << message << Qt::endl;
+}
+
+} // namespace
+
+QString printable(const QString &text)
+{
+    QString safe;
+    const auto codePoints = text.toUcs4();
+    for (const char32_t codePoint : codePoints) {
+        if (QChar::isPrint(codePoint))
+            safe += QString::fromUcs4(&codePoint, 1);
+        else
+            safe += QStringLiteral("\\u%1").arg(uint(codePoint), 4, 16, QLatin1Char('0'));
+    }
+    return safe;
+}
+
+std::optional<QByteArray> bytesFromHex(const QString &hex)
+{
+    static const QRegularExpression pairs(QStringLiteral("\\A([0-9A-Fa-f]{2})+\\z"));
+    if (!pairs.match(hex).hasMatch())
+        return std::nullopt;
+    return QByteArray::fromHex(hex.toLatin1());
+}
+
+QString notHex(const QString &text)
+{
+    return QStringLiteral("\"%1\" is no payload; one is a row of hexadecimal pairs.")
+            .arg(printable(text));
+}
+
+std::optional<std::chrono::milliseconds> fromSeconds(const QString &text)
+{
+    bool isNumber = false;
+    const double value = text.toDouble(&isNumber);
+    if (!isNumber || !(value >= 0 && value <= longest))
+        return std::nullopt;
+    return std::chrono::milliseconds(qRound64(value * 1000));
+}
+
+void showLog(bool show)
+{
+    qInstallMessageHandler(logToStandardError);
+    QLoggingCategory::setFilterRules(
+            show ? QStringLiteral("*.debug=false\ndefault.debug=true")
+                 : QStringLiteral("*.debug=false\n*.info=false\n*.warning=false"));
+}

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+#include <chrono>
+#include <optional>
+
+/*! \a text with everything that is not printable spelt as \\uXXXX. */
+QString printable(const QString &text);
+
+/*! The bytes that \a hex spells in pairs, or nothing where it spells none. */
+std::optional<QByteArray> bytesFromHex(const QString &hex);
+/*! The sentence about \a text, which is no payload. */
+QString notHex(const QString &text);
+
+/*! The time that \a text tells in seconds, up to a day, or nothing where it tells none. */
+std::optional<std::chrono::milliseconds> fromSeconds(const QString &text);
+
+/*! Sends the debug log to the standard error output, or switches it and all warnings off. */
+void showLog(bool show);
