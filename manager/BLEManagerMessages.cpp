@@ -4,6 +4,21 @@
 #include "DefaultLog.h"
 #include "WriteMode.h"
 
+namespace {
+
+// Returns false where the characteristic takes no writes at all.
+bool write(QLowEnergyService *service, const QLowEnergyCharacteristic &characteristic,
+           const QByteArray &data)
+{
+    const auto mode = writeModeFor(characteristic.properties());
+    if (!mode)
+        return false;
+    service->writeCharacteristic(characteristic, data, *mode);
+    return true;
+}
+
+} // namespace
+
 void BLEManager::sendMessage(const QString &macAddr, const QByteArray &data)
 {
     // Silent on purpose: hosts send to lights that are just going or not ready yet.
@@ -21,10 +36,8 @@ void BLEManager::sendMessage(const QString &macAddr, const QByteArray &data)
                             << macAddr;
         return;
     }
-    const auto mode = writeModeFor(characteristic.properties());
-    if (!mode)
+    if (!write(service, characteristic, data))
         return;
-    service->writeCharacteristic(characteristic, data, *mode);
     qCDebug(defaultLog) << "[BLEManager::sendMessage] macAddr:" << macAddr
                         << ", data:" << data.toHex() << ", characteristic uuid:"
                         << characteristic.uuid().toString(QUuid::WithBraces);
@@ -62,10 +75,8 @@ void BLEManager::sendAuthMessage(const QString &macAddr, const QByteArray &data)
                             << macAddr;
         return;
     }
-    const auto mode = writeModeFor(characteristic.properties());
-    if (!mode)
+    if (!write(service, characteristic, data))
         return;
-    service->writeCharacteristic(characteristic, data, *mode);
     qCDebug(defaultLog) << "[BLEManager::sendAuthMessage] macAddr:" << macAddr
                         << ", data:" << data.toHex()
                         << ", authCharacteristic uuid:" << characteristic.uuid();
