@@ -10,22 +10,19 @@ constexpr char identification = '\x5C';
 bool isWritable(const QLowEnergyCharacteristic &characteristic)
 {
     return characteristic.properties()
-            & (QLowEnergyCharacteristic::Write | QLowEnergyCharacteristic::WriteNoResponse);
+           & (QLowEnergyCharacteristic::Write | QLowEnergyCharacteristic::WriteNoResponse);
 }
 
 } // namespace
 
 MYBLE::MYBLE(QObject *parent)
-    : QObject(parent)
-    , discoveryAgent(new QBluetoothDeviceDiscoveryAgent(this))
-    , controller(nullptr)
-    , service(nullptr)
-    , serviceOrder(nullptr)
+    : QObject(parent), discoveryAgent(new QBluetoothDeviceDiscoveryAgent(this)),
+      controller(nullptr), service(nullptr), serviceOrder(nullptr)
 {
     connect(discoveryAgent, &QBluetoothDeviceDiscoveryAgent::deviceDiscovered, this,
             &MYBLE::deviceDiscovered);
-    // There is no controller yet, so that Qt refuses this with a warning and controller errors reach
-    // nobody. That is how this client has always been.
+    // There is no controller yet, so that Qt refuses this with a warning and controller errors
+    // reach nobody. That is how this client has always been.
     connect(controller, &QLowEnergyController::errorOccurred, this, &MYBLE::handleError);
     discoveryAgent->start();
 }
@@ -94,8 +91,7 @@ QLowEnergyService *MYBLE::openService(const QBluetoothUuid &gatt)
     QLowEnergyService *opened = controller->createServiceObject(gatt, this);
     if (!opened)
         return nullptr;
-    connect(opened, &QLowEnergyService::characteristicWritten, this,
-            &MYBLE::characteristicWritten);
+    connect(opened, &QLowEnergyService::characteristicWritten, this, &MYBLE::characteristicWritten);
     connect(opened, &QLowEnergyService::characteristicRead, this, &MYBLE::characteristicRead);
     connect(opened, &QLowEnergyService::stateChanged, this, &MYBLE::serviceStateChanged);
     connect(opened, &QLowEnergyService::characteristicChanged, this,
