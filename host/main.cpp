@@ -91,7 +91,8 @@ CommandLine parse()
 {
     QCommandLineParser parser;
     parser.setApplicationDescription(QLatin1String(description));
-    parser.addHelpOption();
+    parser.addOption(
+            { { QStringLiteral("h"), QStringLiteral("help") }, QStringLiteral("Show this help.") });
     parser.addVersionOption();
     const auto option = [&parser](const char *name, const char *text, const char *value = nullptr) {
         parser.addOption({ QLatin1String(name), QLatin1String(text),

@@ -18,6 +18,7 @@
 #include <chrono>
 #include <memory>
 #include <unistd.h>
+#include <utility>
 
 using std::chrono::milliseconds;
 
@@ -43,8 +44,8 @@ class Single : public QObject
     Q_OBJECT
 
 public:
-    Single(const Options &options, Output *output)
-        : m_options(options), m_output(output), m_client(std::make_unique<MYBLE>())
+    Single(Options options, Output *output)
+        : m_options(std::move(options)), m_output(output), m_client(std::make_unique<MYBLE>())
     {
         // The client tells nobody when it is ready, but its service objects are its children.
         m_client->installEventFilter(this);
@@ -206,7 +207,8 @@ QString parse(QCommandLineParser &parser, Options *options)
             "Finds the light \"Corvel light(DM41)\", sends it payloads and prints what it "
             "notifies.\nWithout a payload, payloads are read from the standard input, one a "
             "line."));
-    parser.addHelpOption();
+    parser.addOption(
+            { { QStringLiteral("h"), QStringLiteral("help") }, QStringLiteral("Show this help.") });
     parser.addVersionOption();
     parser.addOptions({
             { QStringLiteral("order"), QStringLiteral("Write to the order service.") },

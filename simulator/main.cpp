@@ -229,7 +229,8 @@ int main(int argc, char *argv[])
                     "exit status.\nThe machine's own bus and adapter are never touched.\n\n"
                     "From inside COMMAND, `corvelkx-lights ctl ORDER...` gives orders:")
             + orderSummary());
-    parser.addHelpOption();
+    parser.addOption(
+            { { QStringLiteral("h"), QStringLiteral("help") }, QStringLiteral("Show this help.") });
     parser.addVersionOption();
     parser.addOptions({
             { QStringLiteral("lights"), QStringLiteral("Offer the lights of the JSON file <file>."),

@@ -16,8 +16,7 @@ bool isWritable(const QLowEnergyCharacteristic &characteristic)
 } // namespace
 
 MYBLE::MYBLE(QObject *parent)
-    : QObject(parent), discoveryAgent(new QBluetoothDeviceDiscoveryAgent(this)),
-      controller(nullptr), service(nullptr), serviceOrder(nullptr)
+    : QObject(parent), discoveryAgent(new QBluetoothDeviceDiscoveryAgent(this))
 {
     connect(discoveryAgent, &QBluetoothDeviceDiscoveryAgent::deviceDiscovered, this,
             &MYBLE::deviceDiscovered);

@@ -59,10 +59,15 @@ public:
     */
     void sendMessageOrder(const QByteArray &data);
 
+    /*! The main vendor service. */
     static const QBluetoothUuid &getKxServiceUuid();
+    /*! The order service. */
     static const QBluetoothUuid &getKxServiceOrderUuid();
+    /*! The main service's characteristic, which sendMessage() writes. */
     static const QBluetoothUuid &getKxIDCharUuid();
+    /*! The order service's characteristic, which sendMessageOrder() writes. */
     static const QBluetoothUuid &getKxIDOrderCharUuid();
+    /*! The main service's block characteristic, which the client does not use. */
     static const QBluetoothUuid &getKxBlockCharUuid();
 
 signals:
@@ -70,15 +75,26 @@ signals:
     void dataReceived(const QByteArray &data);
 
 public slots:
+    // The steps of the road, connected to Qt's objects; a user of the class calls none of them.
+
+    /*! Stops the scan and connects, if \a device has the light's name. */
     void deviceDiscovered(const QBluetoothDeviceInfo &device);
+    /*! Looks for the light's services. */
     void deviceConnected();
+    /*! Opens the service \a gatt, if it is one of the two. */
     void serviceDiscovered(const QBluetoothUuid &gatt);
+    /*! Binds what is not bound yet, once a service's details are known. */
     void serviceStateChanged(QLowEnergyService::ServiceState);
+    /*! Binds what is known already. */
     void serviceScanDone();
+    /*! Emits dataReceived() with \a value. */
     void updateCharacteristicValue(const QLowEnergyCharacteristic &, const QByteArray &value);
+    /*! Logs that \a characteristic was written \a newValue. */
     void characteristicWritten(const QLowEnergyCharacteristic &characteristic,
                                const QByteArray &newValue);
+    /*! Logs that \a value was read from \a info. */
     void characteristicRead(const QLowEnergyCharacteristic &info, const QByteArray &value);
+    /*! Logs \a newError. */
     void handleError(QLowEnergyController::Error newError);
 
 private:
@@ -91,7 +107,7 @@ private:
     QLowEnergyCharacteristic writeCharacteristicOrder;
     QByteArray OrderdataRecvd;
     QBluetoothDeviceDiscoveryAgent *discoveryAgent;
-    QLowEnergyController *controller;
-    QLowEnergyService *service;
-    QLowEnergyService *serviceOrder;
+    QLowEnergyController *controller = nullptr;
+    QLowEnergyService *service = nullptr;
+    QLowEnergyService *serviceOrder = nullptr;
 };
