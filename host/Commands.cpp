@@ -87,11 +87,6 @@ Commands::Commands(Session *session, Output *output, const Waits &waits)
 {
 }
 
-void Commands::setScanDuration(std::optional<milliseconds> duration)
-{
-    m_waits.duration = duration;
-}
-
 int Commands::fail(const QString &sentence)
 {
     m_output->complain(sentence);
@@ -118,9 +113,9 @@ int Commands::checkScan()
     return error ? fail(scanFailure(*error)) : EXIT_SUCCESS;
 }
 
-int Commands::scan()
+int Commands::scan(std::optional<milliseconds> duration)
 {
-    const QDeadlineTimer end(m_waits.duration.value_or(scanTime));
+    const QDeadlineTimer end(duration.value_or(scanTime));
     const auto showRemaining = [this, end] {
         m_output->live(
                 QStringLiteral("scanning, %1 s left").arg((end.remainingTime() + 999) / 1000));
@@ -141,7 +136,7 @@ int Commands::scan()
     showRemaining();
     live.start(seconds(1));
     const auto outcome = m_session->waitUntil([this] { return m_session->hasScanEnded(); },
-                                              m_waits.duration.value_or(longestScan));
+                                              duration.value_or(longestScan));
     if (!m_session->hasScanEnded())
         m_session->stopScan();
     m_output->live({});

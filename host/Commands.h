@@ -14,7 +14,7 @@ constexpr int usageError = 2;
 struct Waits
 {
     std::chrono::milliseconds timeout { 30000 };       //!< of each single wait
-    std::optional<std::chrono::milliseconds> duration; //!< how long to scan or listen
+    std::optional<std::chrono::milliseconds> duration; //!< how long to listen
     quint64 messages = 0;        //!< how many messages end listening; 0: any number
     bool answerRequired = false; //!< whether sending fails without an answer
 };
@@ -28,14 +28,13 @@ class Commands
 public:
     Commands(Session *session, Output *output, const Waits &waits);
 
-    int scan();
+    /*! Scans for \a duration, or as long as the plugin does. */
+    int scan(std::optional<std::chrono::milliseconds> duration);
     int connectLights(const QStringList &addresses);
     int send(const QString &address, const QString &hex);
     int listen(const QStringList &addresses);
     int reconnect(const QString &address);
     int forget(const QString &address);
-
-    void setScanDuration(std::optional<std::chrono::milliseconds> duration);
 
 private:
     int find(const QStringList &addresses);

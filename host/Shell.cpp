@@ -47,6 +47,9 @@ private:
         const QString &name = words.first();
         const QStringList rest = words.mid(1);
         const QString address = rest.value(0).toUpper();
+        QStringList addresses;
+        for (const QString &word : rest)
+            addresses.append(word.toUpper());
 
         if (name == QLatin1String("scan") && rest.size() <= 1)
             return scan(rest.value(0));
@@ -55,8 +58,9 @@ private:
         if (name == QLatin1String("lights") && rest.isEmpty())
             return listLights();
         if (name == QLatin1String("connect") && !rest.isEmpty())
-            return m_commands.connectLights(
-                    rest.join(QLatin1Char(' ')).toUpper().split(QLatin1Char(' ')));
+            return m_commands.connectLights(addresses);
+        if (name == QLatin1String("listen") && !rest.isEmpty())
+            return m_commands.listen(addresses);
         if (name == QLatin1String("send") && rest.size() == 2)
             return m_commands.send(address, rest.at(1));
         if (name == QLatin1String("reconnect") && rest.size() == 1)
@@ -78,6 +82,7 @@ private:
                 "scan [SECONDS]         look for lights\n"
                 "lights                 the lights found so far\n"
                 "connect ADDRESS...     connect lights and wait until they are ready\n"
+                "listen ADDRESS...      print what comes, and ask again for a light that goes\n"
                 "send ADDRESS HEX       send a payload and wait for an answer\n"
                 "reconnect ADDRESS      connect a light again\n"
                 "forget ADDRESS         drop a light and forget it\n"
@@ -90,8 +95,7 @@ private:
         const auto duration = fromSeconds(text.isEmpty() ? QStringLiteral("5") : text);
         if (!duration)
             return notSeconds(text);
-        m_commands.setScanDuration(duration);
-        return m_commands.scan();
+        return m_commands.scan(duration);
     }
 
     int wait(const QString &text)

@@ -197,7 +197,7 @@ int carryOut(const CommandLine &line, Session *session, Output *output, Interrup
 
     Commands commands(session, output, line.waits);
     if (name == QLatin1String("scan"))
-        return commands.scan();
+        return commands.scan(line.waits.duration);
     printSignals(session, output);
     if (name == QLatin1String("shell"))
         return runShell(session, output, interrupt, line.waits);
