@@ -37,9 +37,15 @@ QString reason(QBluetoothDeviceDiscoveryAgent::Error error)
     }
 }
 
-QString toHex(const QByteArray &data) { return QString::fromLatin1(data.toHex()); }
+QString toHex(const QByteArray &data)
+{
+    return QString::fromLatin1(data.toHex());
+}
 
-QJsonObject about(const QString &address) { return { { QStringLiteral("address"), address } }; }
+QJsonObject about(const QString &address)
+{
+    return { { QStringLiteral("address"), address } };
+}
 
 QJsonObject about(const QString &address, const QByteArray &data)
 {
@@ -203,7 +209,7 @@ int Commands::waitReady(const QStringList &addresses)
                              QString::number(double(m_waits.timeout.count()) / 1000)));
 }
 
-int Commands::makeReady(const QStringList &addresses)
+int Commands::connectLights(const QStringList &addresses)
 {
     if (const int status = checkAddresses(addresses))
         return status;
@@ -214,8 +220,6 @@ int Commands::makeReady(const QStringList &addresses)
     return waitReady(addresses);
 }
 
-int Commands::connectLights(const QStringList &addresses) { return makeReady(addresses); }
-
 int Commands::send(const QString &address, const QString &hex)
 {
     if (const int status = checkAddresses({ address }))
@@ -225,7 +229,7 @@ int Commands::send(const QString &address, const QString &hex)
         m_output->complain(notHex(hex));
         return usageError;
     }
-    if (const int status = makeReady({ address }))
+    if (const int status = connectLights({ address }))
         return status;
 
     const quint64 before = m_session->receivedFrom(address);
@@ -248,7 +252,7 @@ int Commands::send(const QString &address, const QString &hex)
 
 int Commands::listen(const QStringList &addresses)
 {
-    if (const int status = makeReady(addresses))
+    if (const int status = connectLights(addresses))
         return status;
     // On Linux the plugin rarely reconnects by itself, so a host asks again.
     QObject context;

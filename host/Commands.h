@@ -30,6 +30,7 @@ public:
 
     /*! Scans for \a duration, or as long as the plugin does. */
     int scan(std::optional<std::chrono::milliseconds> duration);
+    /*! Finds and connects those of \a addresses that are not ready, and waits until all are. */
     int connectLights(const QStringList &addresses);
     int send(const QString &address, const QString &hex);
     int listen(const QStringList &addresses);
@@ -40,7 +41,6 @@ private:
     int find(const QStringList &addresses);
     int checkScan();
     int checkAddresses(const QStringList &addresses);
-    int makeReady(const QStringList &addresses);
     int waitReady(const QStringList &addresses);
     int fail(const QString &sentence);
     QStringList notReady(const QStringList &addresses) const;

@@ -12,7 +12,10 @@ constexpr qsizetype mostLights = 3;
 constexpr std::chrono::seconds scanTime(2);
 
 // The program that gives orders to the virtual lights, where the host runs among them.
-QString lightsProgram() { return qEnvironmentVariable("CORVELKX_LIGHTS"); }
+QString lightsProgram()
+{
+    return qEnvironmentVariable("CORVELKX_LIGHTS");
+}
 
 QStringList order(const QStringList &words)
 {

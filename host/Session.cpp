@@ -71,7 +71,10 @@ void Session::startScan()
     m_plugin->start();
 }
 
-void Session::stopScan() { m_plugin->stop(); }
+void Session::stopScan()
+{
+    m_plugin->stop();
+}
 
 void Session::connectTo(const QStringList &addresses)
 {

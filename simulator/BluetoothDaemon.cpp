@@ -121,7 +121,10 @@ void BluetoothDaemon::showAdapter()
                        { discoveringKey, false } } } });
 }
 
-bool BluetoothDaemon::isPresent() const { return m_objects.contains(QDBusObjectPath(adapterPath)); }
+bool BluetoothDaemon::isPresent() const
+{
+    return m_objects.contains(QDBusObjectPath(adapterPath));
+}
 
 bool BluetoothDaemon::isPowered() const
 {
@@ -374,7 +377,10 @@ void BluetoothDaemon::changeProperties(const QString &path, const QString &inter
     m_bus.send(signal);
 }
 
-QString BluetoothDaemon::introspect(const QString &) const { return {}; }
+QString BluetoothDaemon::introspect(const QString &) const
+{
+    return {};
+}
 
 void BluetoothDaemon::reply(const QDBusMessage &message, const QVariantList &arguments)
 {
@@ -445,7 +451,10 @@ void BluetoothDaemon::getManagedObjects(const QDBusMessage &message)
     reply(message, { QVariant::fromValue(m_objects) });
 }
 
-void BluetoothDaemon::accept(const QDBusMessage &message) { reply(message); }
+void BluetoothDaemon::accept(const QDBusMessage &message)
+{
+    reply(message);
+}
 
 void BluetoothDaemon::startDiscovery(const QDBusMessage &message)
 {

@@ -57,7 +57,10 @@ const TypeCode *codeOf(int type)
     return code == std::end(typeCodes) ? nullptr : code;
 }
 
-QByteArray addressBytes(const QString &address) { return QByteArray::fromHex(address.toLatin1()); }
+QByteArray addressBytes(const QString &address)
+{
+    return QByteArray::fromHex(address.toLatin1());
+}
 
 bool isHex(const QString &text)
 {

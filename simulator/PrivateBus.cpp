@@ -36,7 +36,10 @@ QByteArray configuration(const QString &socket)
 
 } // namespace
 
-void endWithParent() { prctl(PR_SET_PDEATHSIG, SIGTERM); }
+void endWithParent()
+{
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+}
 
 PrivateBus::PrivateBus() = default;
 

@@ -65,7 +65,10 @@ QStringList LogRecorder::lines() const
     return m_lines;
 }
 
-QStringList LogRecorder::linesWith(const QString &text) const { return lines().filter(text); }
+QStringList LogRecorder::linesWith(const QString &text) const
+{
+    return lines().filter(text);
+}
 
 QStringList LogRecorder::take()
 {
@@ -106,7 +109,10 @@ void Lights::restore()
     order(u"reset"_s);
 }
 
-bool Lights::isConnected(const QString &address) { return order(u"connected"_s).contains(address); }
+bool Lights::isConnected(const QString &address)
+{
+    return order(u"connected"_s).contains(address);
+}
 
 QStringList Lights::payloads(const QString &address)
 {

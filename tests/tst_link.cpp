@@ -82,7 +82,10 @@ void TestLink::attempt()
 }
 
 // Lets go what was released, and waits until nothing of it is under way any more.
-void TestLink::settle() { QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete); }
+void TestLink::settle()
+{
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+}
 
 void TestLink::plainDrop()
 {

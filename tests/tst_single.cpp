@@ -43,7 +43,10 @@ private:
     std::unique_ptr<MYBLE> m_client;
 };
 
-void TestSingle::init() { m_log = std::make_unique<LogRecorder>(); }
+void TestSingle::init()
+{
+    m_log = std::make_unique<LogRecorder>();
+}
 
 void TestSingle::cleanup()
 {
