@@ -65,7 +65,10 @@ void PrivateBus::startJanitor()
         return;
     const pid_t janitor = fork();
     if (janitor == 0) {
+        // It outlives whatever ends the others, and then ends by itself.
         setsid();
+        for (const int number : { SIGINT, SIGTERM, SIGHUP })
+            signal(number, SIG_IGN);
         close(ends[1]);
         for (const int standard : { STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO })
             close(standard);

@@ -124,7 +124,7 @@ void TestMessages::writesKeepTheirOrder()
         m_manager->sendMessage(plain, data);
         expected.append(QString::fromLatin1(data.toHex()));
     }
-    QVERIFY(waitFor([this] { return m_received->size() == 2 * 200; }));
+    QVERIFY(waitFor([this] { return m_received->size() == 400; }));
     for (const QLatin1String address : { secured, plain }) {
         QStringList written = m_lights.payloads(address).mid(address == secured ? 2 : 1);
         for (QString &payload : written)
