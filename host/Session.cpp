@@ -1,7 +1,6 @@
 #include "Session.h"
 
 #include <QEventLoop>
-#include <QJsonObject>
 #include <QTimer>
 
 Session::Session(QObject *parent) : QObject(parent) { }

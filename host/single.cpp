@@ -9,9 +9,7 @@
 #include <QChildEvent>
 #include <QCommandLineParser>
 #include <QCoreApplication>
-#include <QLoggingCategory>
 #include <QSocketNotifier>
-#include <QTextStream>
 #include <QTimer>
 
 #include <algorithm>

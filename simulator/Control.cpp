@@ -2,7 +2,6 @@
 
 #include "BluetoothDaemon.h"
 
-#include <QDBusError>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>

@@ -5,7 +5,7 @@
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QDBusConnection>
-#include <QDBusReply>
+#include <QDBusMessage>
 #include <QMetaMethod>
 #include <QTextStream>
 
