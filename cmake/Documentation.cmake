@@ -21,6 +21,7 @@ doxygen_add_docs(docs
     CHANGELOG.md
     CONTRIBUTING.md
     docs/README.md
+    docs/faults.md
     docs/host-guide.md
     docs/lights.md
     plugin/CorvelKXBleInterface.h

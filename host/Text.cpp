@@ -1,15 +1,24 @@
 #include "Text.h"
 
+#include <QCoreApplication>
 #include <QLoggingCategory>
 #include <QRegularExpression>
 #include <QTextStream>
+
+#include <cstdlib>
 
 namespace {
 
 constexpr double longest = 86400;
 
-void logToStandardError(QtMsgType, const QMessageLogContext &, const QString &message)
+void logToStandardError(QtMsgType type, const QMessageLogContext &, const QString &message)
 {
+    if (type == QtFatalMsg) {
+        // The plugin's thread is stuck in a call, and Qt will not let it go.
+        QTextStream(stderr) << QCoreApplication::applicationName()
+                            << ": The Bluetooth service does not answer." << Qt::endl;
+        std::_Exit(EXIT_FAILURE);
+    }
     QTextStream(stderr) << message << Qt::endl;
 }
 

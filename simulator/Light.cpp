@@ -7,6 +7,7 @@
 #include <QRegularExpression>
 
 #include <algorithm>
+#include <cctype>
 #include <functional>
 #include <iterator>
 #include <utility>
@@ -363,6 +364,52 @@ QList<Light> crowdOfLights(int count)
     return lights;
 }
 
+namespace {
+
+// Where the element number \a index of the list in \a json begins.
+qsizetype startOfElement(const QByteArray &json, qsizetype index)
+{
+    int depth = 0;
+    bool isText = false;
+    bool isExpected = false;
+    for (qsizetype i = 0; i < json.size(); ++i) {
+        const char c = json.at(i);
+        if (isExpected && !std::isspace(static_cast<uchar>(c))) {
+            isExpected = false;
+            if (index-- == 0)
+                return i;
+        }
+        if (c == '"')
+            isText = !isText;
+        else if (isText)
+            i += c == '\\';
+        else if (c == '[' || c == '{')
+            isExpected = depth++ == 0;
+        else if (c == ']' || c == '}')
+            --depth;
+        else if (c == ',')
+            isExpected = depth == 1;
+    }
+    return 0;
+}
+
+qsizetype lineAt(const QByteArray &text, qsizetype offset)
+{
+    return text.left(offset).count('\n') + 1;
+}
+
+// The line of the key that \a wrong quotes first, or else of the light's beginning.
+qsizetype lineOfMistake(const QByteArray &json, qsizetype light, const QString &wrong)
+{
+    const qsizetype begin = startOfElement(json, light);
+    const QByteArray key = '"' + wrong.section(QLatin1Char('"'), 1, 1).toUtf8() + '"';
+    const qsizetype end = std::max(json.indexOf('}', begin), begin);
+    const qsizetype found = json.indexOf(key, begin);
+    return lineAt(json, found >= begin && found < end ? found : begin);
+}
+
+} // namespace
+
 QList<Light> lightsFromFile(const QString &fileName, QString *error)
 {
     QFile file(fileName);
@@ -374,13 +421,13 @@ QList<Light> lightsFromFile(const QString &fileName, QString *error)
     QJsonParseError parseError;
     const QJsonDocument document = QJsonDocument::fromJson(text, &parseError);
     if (parseError.error != QJsonParseError::NoError) {
-        const auto line = text.left(parseError.offset).count('\n') + 1;
         *error = QStringLiteral("%1:%2: %3")
-                         .arg(fileName, QString::number(line), parseError.errorString());
+                         .arg(fileName, QString::number(lineAt(text, parseError.offset)),
+                              parseError.errorString());
         return {};
     }
     if (!document.isArray() || document.array().isEmpty()) {
-        *error = QStringLiteral("%1: a light file is a list of lights").arg(fileName);
+        *error = QStringLiteral("%1:1: a light file is a list of lights").arg(fileName);
         return {};
     }
 
@@ -397,8 +444,10 @@ QList<Light> lightsFromFile(const QString &fileName, QString *error)
         if (wrong.isEmpty() && known)
             wrong = QStringLiteral("%1 is there twice").arg(light.address);
         if (!wrong.isEmpty()) {
-            *error = QStringLiteral("%1: light %2: %3")
-                             .arg(fileName, QString::number(lights.size() + 1), wrong);
+            *error = QStringLiteral("%1:%2: %3")
+                             .arg(fileName,
+                                  QString::number(lineOfMistake(text, lights.size(), wrong)),
+                                  wrong);
             return {};
         }
         lights.append(light);

@@ -3,6 +3,8 @@
 #include <QFile>
 
 #include <csignal>
+#include <dirent.h>
+#include <fcntl.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -34,6 +36,25 @@ QByteArray configuration(const QString &socket)
              "</busconfig>\n";
 }
 
+// Ends whoever was started to use the bus at \a socket: what is left of a command when the program
+// that ran it was killed, its children's children and all.
+void endClients(const QByteArray &socket)
+{
+    const QByteArray variable = "DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + socket + ',';
+    DIR *processes = opendir("/proc");
+    if (!processes)
+        return;
+    while (const dirent *process = readdir(processes)) {
+        QFile environment(
+                QStringLiteral("/proc/%1/environ").arg(QFile::decodeName(process->d_name)));
+        const pid_t id = QByteArray(process->d_name).toInt();
+        if (id > 0 && environment.open(QIODevice::ReadOnly)
+            && environment.readAll().contains(variable))
+            kill(id, SIGTERM);
+    }
+    closedir(processes);
+}
+
 } // namespace
 
 void endWithParent()
@@ -61,7 +82,8 @@ void PrivateBus::startJanitor()
     const QByteArray socket = directory + "/bus";
     const QByteArray config = directory + "/bus.conf";
     int ends[2];
-    if (pipe(ends) != 0)
+    // Closed when this process ends, and not when the last process does that it started.
+    if (pipe2(ends, O_CLOEXEC) != 0)
         return;
     const pid_t janitor = fork();
     if (janitor == 0) {
@@ -74,6 +96,7 @@ void PrivateBus::startJanitor()
             close(standard);
         char byte = 0;
         while (read(ends[0], &byte, 1) > 0) { }
+        endClients(socket);
         unlink(socket.constData());
         unlink(config.constData());
         rmdir(directory.constData());

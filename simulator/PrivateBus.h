@@ -8,8 +8,8 @@
     A D-Bus daemon of one's own, with its socket in a private directory.
 
     Both end with this object, and also where this process is killed: the daemon is told by the
-    kernel, the directory is removed by a small process that waits for just that. Construct it
-   before the first thread of the process starts.
+    kernel, the directory is removed by a small process that waits for just that and ends whoever
+    still uses the bus. Construct it before the first thread of the process starts.
 */
 class PrivateBus
 {

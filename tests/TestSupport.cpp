@@ -2,8 +2,8 @@
 
 #include <QCoreApplication>
 #include <QDBusConnection>
-#include <QDBusMessage>
 #include <QEvent>
+#include <QRandomGenerator>
 #include <QTest>
 #include <QTimer>
 
@@ -33,7 +33,16 @@ bool waitFor(const std::function<bool()> &done)
     return true;
 }
 
-LogRecorder *LogRecorder::s_instance = nullptr;
+quint32 randomSeed()
+{
+    bool isGiven = false;
+    const int given = qEnvironmentVariableIntValue("CORVELKX_SEED", &isGiven);
+    const quint32 seed = isGiven ? quint32(given) : QRandomGenerator::global()->bounded(1000000);
+    qInfo().noquote() << QLatin1String("CORVELKX_SEED=") + QString::number(seed);
+    return seed;
+}
+
+std::atomic<LogRecorder *> LogRecorder::s_instance = nullptr;
 
 LogRecorder::LogRecorder()
 {
@@ -45,16 +54,22 @@ LogRecorder::~LogRecorder()
 {
     qInstallMessageHandler(m_previous);
     s_instance = nullptr;
+    const QMutexLocker locker(&m_mutex); // behind whoever wrote last
 }
 
 void LogRecorder::record(QtMsgType type, const QMessageLogContext &context, const QString &message)
 {
+    LogRecorder *recorder = s_instance;
     if (qstrcmp(context.category, "default") != 0) {
-        s_instance->m_previous(type, context, message);
+        recorder->m_previous(type, context, message);
         return;
     }
-    const QMutexLocker locker(&s_instance->m_mutex);
-    s_instance->m_lines.append(message);
+    QMutexLocker locker(&recorder->m_mutex);
+    recorder->m_lines.append(message);
+    const auto hook = recorder->m_hook;
+    locker.unlock();
+    if (hook)
+        hook(message);
     // Somebody may be waiting for this line.
     QCoreApplication::postEvent(qApp, new QEvent(QEvent::User));
 }
@@ -76,6 +91,12 @@ QStringList LogRecorder::take()
     return std::exchange(m_lines, {});
 }
 
+void LogRecorder::setHook(const std::function<void(const QString &)> &hook)
+{
+    const QMutexLocker locker(&m_mutex);
+    m_hook = hook;
+}
+
 Lights::Lights()
 {
     QDBusConnection::systemBus().connect(u"org.bluez"_s, QString(),
@@ -83,13 +104,18 @@ Lights::Lights()
                                          u"PropertiesChanged"_s, this, SLOT(onPropertiesChanged()));
 }
 
-QStringList Lights::order(const QString &name, const QVariantList &arguments)
+QDBusMessage Lights::ask(const QString &name, const QVariantList &arguments)
 {
     auto message = QDBusMessage::createMethodCall(u"org.example.CorvelKXLights"_s,
                                                   u"/org/example/CorvelKXLights"_s,
                                                   u"org.example.CorvelKXLights1"_s, name);
     message.setArguments(arguments);
-    const QDBusMessage answer = QDBusConnection::systemBus().call(message);
+    return QDBusConnection::systemBus().call(message);
+}
+
+QStringList Lights::order(const QString &name, const QVariantList &arguments)
+{
+    const QDBusMessage answer = ask(name, arguments);
     if (answer.type() != QDBusMessage::ReplyMessage)
         QTest::qFail(qPrintable(name + QLatin1String(": ") + answer.errorMessage()), __FILE__,
                      __LINE__);

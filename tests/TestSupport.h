@@ -1,10 +1,12 @@
 #pragma once
 
+#include <QDBusMessage>
 #include <QMutex>
 #include <QObject>
 #include <QStringList>
 #include <QVariantList>
 
+#include <atomic>
 #include <functional>
 
 /*!
@@ -12,6 +14,9 @@
     each round of events, so that nothing is waited for longer than it takes.
 */
 bool waitFor(const std::function<bool()> &done);
+
+/*! The seed in CORVELKX_SEED, or one of its own; it is printed, so that a run can be had again. */
+quint32 randomSeed();
 
 /*! Records what is logged in the default category, on any thread, as long as it lives. */
 class LogRecorder
@@ -26,13 +31,16 @@ public:
     QStringList linesWith(const QString &text) const;
     /*! The lines so far, which are forgotten. */
     QStringList take();
+    /*! Has \a hook called for each line from now on, on the thread that logs it. */
+    void setHook(const std::function<void(const QString &)> &hook);
 
 private:
     static void record(QtMsgType type, const QMessageLogContext &context, const QString &message);
 
-    static LogRecorder *s_instance;
+    static std::atomic<LogRecorder *> s_instance;
     mutable QMutex m_mutex;
     QStringList m_lines;
+    std::function<void(const QString &)> m_hook;
     QtMessageHandler m_previous;
 };
 
@@ -44,6 +52,8 @@ class Lights : public QObject
 public:
     Lights();
 
+    /*! Gives an order and returns the answer, on any thread. */
+    static QDBusMessage ask(const QString &name, const QVariantList &arguments = {});
     /*! Gives an order and returns the lines of the answer; a refused order fails the test. */
     QStringList order(const QString &name, const QVariantList &arguments = {});
     void set(const QString &address, const QString &key, const QString &value);

@@ -1,5 +1,6 @@
 #include "ManagerTest.h"
 
+#include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTest>
 #include <QtEndian>
@@ -15,6 +16,8 @@ private slots:
     void cleanup() { deleteManager(); }
     void notificationsKeepTheirOrder();
     void notificationsOfAllSizes();
+    void notificationsDuringTearDown();
+    void payloadsOfAllSizes();
     void authenticationServiceIsNotHeard();
     void writesKeepTheirOrder();
     void writeModes_data();
@@ -50,7 +53,7 @@ void TestMessages::notificationsKeepTheirOrder()
     connectLight(secured);
     connectLight(plain);
     m_received->clear();
-    constexpr quint32 count = 2000;
+    constexpr quint32 count = 10000;
     for (const QLatin1String address : { secured, plain })
         m_lights.order(u"burst"_s, { QString(address), int(count), 20, 0 });
     QVERIFY(waitFor([this] { return m_received->size() >= int(2 * count); }));
@@ -82,6 +85,44 @@ void TestMessages::notificationsOfAllSizes()
     for (int i = 0; i < expected.size(); ++i)
         QCOMPARE(m_received->at(i), QVariantList({ QString(secured), expected.at(i) }));
     QCOMPARE(m_log->take().size(), expected.size());
+}
+
+void TestMessages::notificationsDuringTearDown()
+{
+    connectLight(secured);
+    m_received->clear();
+    m_lights.order(u"burst"_s, { QString(secured), 10000, 20, 0 });
+    QSignalSpy disconnected(m_manager.get(), &BLEManager::sigDeviceDisconnected);
+    QVERIFY(waitFor([this] { return m_received->size() >= 100; }));
+    m_manager->removeDevice(secured);
+    QVERIFY(waitFor([&] { return !disconnected.isEmpty(); }));
+    const auto heard = m_received->size();
+    // What came until then came in order; what is still on its way is nobody's.
+    for (qsizetype i = 0; i < heard; ++i)
+        QCOMPARE(qFromBigEndian<quint32>(m_received->at(i).at(1).toByteArray().constData()),
+                 quint32(i));
+    m_manager->sendMessage(secured, "x");
+    findLights();
+    QCOMPARE(m_received->size(), heard);
+}
+
+void TestMessages::payloadsOfAllSizes()
+{
+    for (const QLatin1String address : { secured, plain }) { // without response, and with
+        connectLight(address);
+        m_received->clear();
+        QList<QByteArray> answers;
+        for (const int size : { 0, 1, 20, 512, 4096, 0, 2 }) {
+            const QByteArray data(size, static_cast<char>(size));
+            m_manager->sendMessage(address, data);
+            if (size > 0)
+                answers.append(data);
+        }
+        QVERIFY(waitFor([&] { return m_received->size() == answers.size(); }));
+        for (int i = 0; i < answers.size(); ++i)
+            QCOMPARE(m_received->at(i), QVariantList({ QString(address), answers.at(i) }));
+        QCOMPARE(m_lights.payloads(address).filter(QRegularExpression(u" $"_s)).size(), 2);
+    }
 }
 
 void TestMessages::authenticationServiceIsNotHeard()

@@ -1,6 +1,8 @@
 #include "TestSupport.h"
 
+#include <QDir>
 #include <QFile>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
@@ -50,6 +52,27 @@ Result host(const QString &words, const QByteArray &input = {})
                input);
 }
 
+// A process that ended but was not asked for its status is not alive.
+bool isAlive(const QString &process)
+{
+    QFile status(u"/proc/%1/stat"_s.arg(process));
+    return status.open(QIODevice::ReadOnly) && !status.readAll().contains(") Z ");
+}
+
+// Whether some process has \a path among its words or in its environment.
+bool isNamedByAProcess(const QString &path)
+{
+    const auto processes = QDir(u"/proc"_s).entryList({ u"[1-9]*"_s }, QDir::Dirs);
+    for (const QString &process : processes) {
+        for (const QString &part : { u"cmdline"_s, u"environ"_s }) {
+            QFile file(u"/proc/%1/%2"_s.arg(process, part));
+            if (file.open(QIODevice::ReadOnly) && file.readAll().contains(path.toUtf8()))
+                return true;
+        }
+    }
+    return false;
+}
+
 // Runs a shell script among virtual lights, with $HOST and $LIGHTS for the two programs.
 Result script(const QString &text, const QStringList &options = {})
 {
@@ -70,6 +93,7 @@ private slots:
     void refusals();
     void withoutBluetooth_data();
     void withoutBluetooth();
+    void frozenService();
     void scanPrintsEachLightOnce();
     void connectAndSend();
     void listen();
@@ -84,6 +108,7 @@ private slots:
     void nonsenseLights_data();
     void nonsenseLights();
     void lightsLeaveNothingBehind();
+    void killedHostLeavesNothingBehind();
 };
 
 void TestPrograms::refusals_data()
@@ -156,6 +181,14 @@ void TestPrograms::withoutBluetooth()
         QCOMPARE(result.err, QLatin1String("corvelkx-host: ") + sentence + QLatin1Char('\n'));
         QVERIFY2(result.out.endsWith(QLatin1String("status 1\n")), qPrintable(result.out));
     }
+}
+
+void TestPrograms::frozenService()
+{
+    const Result result = script(u"kill -STOP $PPID; $HOST --for 1 scan; echo status $?; "
+                                 "kill -CONT $PPID"_s);
+    QCOMPARE(result.out, u"0 lights were found.\nstatus 1\n"_s);
+    QCOMPARE(result.err, u"corvelkx-host: The Bluetooth service does not answer.\n"_s);
 }
 
 void TestPrograms::scanPrintsEachLightOnce()
@@ -304,9 +337,14 @@ void TestPrograms::interruptionLeavesNoLink_data()
     QTest::addColumn<QString>("connect");
     QTest::addColumn<QString>("event"); // what is waited for before the signal
     QTest::addColumn<int>("signal");
-    QTest::newRow("ready") << u"accept"_s << u"is ready"_s << SIGINT;
-    QTest::newRow("ready, terminated") << u"accept"_s << u"is ready"_s << SIGTERM;
-    QTest::newRow("connecting") << u"hang"_s << u"ConnectingState"_s << SIGINT;
+    const auto row = [](const char *title, const QString &connect, const QString &event,
+                        int signal) { QTest::newRow(title) << connect << event << signal; };
+    row("scanning", u"accept"_s, u"slotDeviceDiscovered"_s, SIGHUP);
+    row("connecting", u"hang"_s, u"ConnectingState"_s, SIGINT);
+    row("discovering", u"accept"_s, u"DiscoveringState"_s, SIGTERM);
+    row("binding", u"accept"_s, u"update m_characteristicsMap"_s, SIGINT);
+    row("ready", u"accept"_s, u"is ready"_s, SIGINT);
+    row("ready, terminated", u"accept"_s, u"is ready"_s, SIGTERM);
 }
 
 void TestPrograms::interruptionLeavesNoLink()
@@ -318,21 +356,50 @@ void TestPrograms::interruptionLeavesNoLink()
             u"$LIGHTS ctl set C0:FF:EE:00:00:01 connect %1; (sh -c 'echo "
             "$$; exec $HOST --log listen C0:FF:EE:00:00:01 2>&1'; echo "
             "status $?) | { read -r pid; while read -r line; do case $line "
-            "in *'%2'*) kill -%3 $pid;; status*) echo $line;; esac; done; "
-            "}; $LIGHTS ctl connected; $LIGHTS ctl calls | grep -c Device1.Disconnect"_s
-                    .arg(connect, event, QString::number(signal)));
-    QCOMPARE(result.out, u"status %1\n1\n"_s.arg(128 + signal));
+            "in *'%2'*) kill -%3 $pid 2>/dev/null;; status*) echo $line;; esac; done; "
+            "}; $LIGHTS ctl connected; $LIGHTS ctl set C0:FF:EE:00:00:01 connect accept; "
+            "$HOST connect C0:FF:EE:00:00:01"_s.arg(connect, event, QString::number(signal)));
+    // What hung hangs no more, or the next host would be refused.
+    QCOMPARE(result.out,
+             u"status %1\nC0:FF:EE:00:00:01 is ready\nC0:FF:EE:00:00:01 is gone\n"_s.arg(128
+                                                                                         + signal));
 }
 
 void TestPrograms::namesDoNotMoveTheCursor()
 {
-    const Result result = script(u"$HOST --for 0.5 scan"_s,
-                                 { u"--light"_s,
-                                   u"type=3,address=C0:FF:EE:00:00:01,"
-                                   "name=\"Corvel light %1\\u001b[2J\\u009b\\r\\n%n\""_s });
-    QCOMPARE(result.out,
-             u"   3  C0:FF:EE:00:00:01  Corvel light %1\\u001b[2J\\u009b\\u000d\\u000a%n\n"
-             "1 light was found.\n"_s);
+    // The service makes U+FFFD of what is no UTF-8, before it comes to the bus.
+    const QStringList names { u"Corvel light %1%2%n%s"_s, u"Corvel light \u001b[2J\u009b\r\n\a\t"_s,
+                              u"Corvel light "_s + QString(235, u'w'),
+                              u"Corvel light \ufffd\u202e\u200b"_s };
+    QJsonArray lights;
+    for (const QString &name : names)
+        lights.append(QJsonObject { { u"type"_s, 3 },
+                                    { u"name"_s, name },
+                                    { u"address"_s, u"C0:FF:EE:00:00:0%1"_s.arg(lights.size()) } });
+    QTemporaryDir directory;
+    QFile file(directory.filePath(u"lights.json"_s));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write(QJsonDocument(lights).toJson());
+    file.close();
+
+    const Result plain = script(u"$HOST --log --for 0.5 scan"_s,
+                                { u"--lights"_s, file.fileName() });
+    QStringList printed = names;
+    printed[1] = u"Corvel light \\u001b[2J\\u009b\\u000d\\u000a\\u0007\\u0009"_s;
+    printed[3] = u"Corvel light \ufffd\\u202e\\u200b"_s;
+    for (qsizetype i = 0; i < printed.size(); ++i)
+        QVERIFY2(plain.out.contains(u"   3  C0:FF:EE:00:00:0%1  %2\n"_s.arg(i).arg(printed.at(i))),
+                 qPrintable(plain.out));
+    for (const QChar c : plain.out + plain.err)
+        QVERIFY(c == u'\n' || c.isPrint());
+
+    const Result json = script(u"$HOST --json --for 0.5 scan"_s,
+                               { u"--lights"_s, file.fileName() });
+    QStringList told;
+    const auto lines = json.out.trimmed().split(u'\n');
+    for (const QString &line : lines)
+        told.append(QJsonDocument::fromJson(line.toUtf8()).object().value(u"name"_s).toString());
+    QCOMPARE(told.mid(0, names.size()), names);
 }
 
 void TestPrograms::describedLights()
@@ -366,17 +433,18 @@ void TestPrograms::nonsenseLights_data()
     };
     row("", ":1: illegal value");
     row("[\n{\n\"type\": 1,,\n} ]", ":3: ");
-    row("{}", ": a light file is a list of lights");
-    row("[]", ": a light file is a list of lights");
-    row("[ 7 ]", ": light 1: a light is an object");
-    row("[ { \"type\": 1 } ]", ": light 1: \"address\" is missing");
-    row("[ { \"address\": \"0a:00:00:00:00:01\" } ]", ": light 1: \"address\" must be six ");
-    row("[ { \"type\": 4 } ]", ": light 1: \"type\" must be one of 1, 2, 3, 5, ");
-    row("[ { \"colour\": 4 } ]", ": light 1: there is no key \"colour\"; the keys are address, ");
-    row("[ { \"latency\": -1 } ]", ": light 1: \"latency\" must be a number of milliseconds");
-    row("[ { \"manufacturer\": \"3\" } ]", ": light 1: \"manufacturer\" must be hexadecimal pairs");
-    row("[ { \"address\": \"0A:00:00:00:00:01\" }, { \"address\": \"0A:00:00:00:00:01\" } ]",
-        ": light 2: 0A:00:00:00:00:01 is there twice");
+    row("{}", ":1: a light file is a list of lights");
+    row("[]", ":1: a light file is a list of lights");
+    row("[ 7 ]", ":1: a light is an object");
+    row("\n[ {\n\"type\": 1 } ]", ":2: \"address\" is missing");
+    row("[ { \"address\": \"0a:00:00:00:00:01\" } ]", ":1: \"address\" must be six ");
+    row("[ {\n\"latency\": 1,\n\"type\": 4 } ]", ":3: \"type\" must be one of 1, 2, 3, 5, ");
+    row("[ { \"colour\": 4 } ]", ":1: there is no key \"colour\"; the keys are address, ");
+    row("[ { \"latency\": -1 } ]", ":1: \"latency\" must be a number of milliseconds");
+    row("[ { \"manufacturer\": \"3\" } ]", ":1: \"manufacturer\" must be hexadecimal pairs");
+    row("[ { \"address\": \"0A:00:00:00:00:01\", \"name\": \"],[{\\\"\" },\n\n"
+        "{ \"address\": \"0A:00:00:00:00:01\" } ]",
+        ":3: 0A:00:00:00:00:01 is there twice");
 }
 
 void TestPrograms::nonsenseLights()
@@ -402,27 +470,53 @@ void TestPrograms::lightsLeaveNothingBehind()
     QCOMPARE(run(QString::fromLatin1(lightsFile), { u"--"_s, u"/no"_s }).status, 127);
 
     for (const int signal : { SIGINT, SIGTERM, SIGKILL }) {
-        // The command tells where the bus is, and holds on.
+        // The command tells where the bus is, and holds on, and so does a child of it.
         QProcess process;
         process.start(QString::fromLatin1(lightsFile),
                       { u"--"_s, u"sh"_s, u"-c"_s,
-                        u"echo $DBUS_SYSTEM_BUS_ADDRESS $$; exec sleep 600"_s });
+                        u"sleep 600 & echo $DBUS_SYSTEM_BUS_ADDRESS $$ $!; wait"_s });
         QVERIFY(process.waitForReadyRead(limit));
-        const QString line = QString::fromLatin1(process.readLine()).trimmed();
-        const QString socket = line.section(QLatin1Char('='), 1).section(QLatin1Char(','), 0, 0);
-        const auto command = line.section(QLatin1Char(' '), 1).toInt();
+        const QStringList words = QString::fromLatin1(process.readLine()).simplified().split(u' ');
+        const QString socket = words.value(0).section(u'=', 1).section(u',', 0, 0);
         QVERIFY(QFile::exists(socket));
-        QVERIFY(command > 0);
+        QCOMPARE(words.size(), 3);
         ::kill(static_cast<pid_t>(process.processId()), signal);
         QVERIFY(process.waitForFinished(limit));
         // What a killed program leaves is cleared away by others, a moment later.
         const auto isGone = [&] {
             return !QFile::exists(socket) && !QFile::exists(QFileInfo(socket).path())
-                   && (::kill(command, 0) != 0 || signal != SIGKILL);
+                   && !isAlive(words.at(1)) && !isAlive(words.at(2));
         };
         QTimer look; // for a killed program tells nobody
         look.start(10);
         QVERIFY(waitFor(isGone));
+    }
+}
+
+void TestPrograms::killedHostLeavesNothingBehind()
+{
+    // At any moment, from before the bus is there until a light talks.
+    for (const char *moment : { "", "slotDeviceDiscovered", "ConnectingState", "is ready" }) {
+        QTemporaryDir directory;
+        QProcess process;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(u"TMPDIR"_s, directory.path());
+        process.setProcessEnvironment(environment);
+        process.setProcessChannelMode(QProcess::MergedChannels);
+        process.start(QString::fromLatin1(hostFile),
+                      { u"--simulate"_s, u"--log"_s, u"listen"_s, u"C0:FF:EE:00:00:01"_s });
+        QVERIFY(process.waitForStarted(limit));
+        QByteArray said;
+        while (!said.contains(moment) && process.waitForReadyRead(limit))
+            said += process.readAll();
+        QVERIFY(said.contains(moment));
+        process.kill();
+        QVERIFY(process.waitForFinished(limit));
+        QTimer look;
+        look.start(10);
+        QVERIFY(waitFor([&] {
+            return QDir(directory.path()).isEmpty() && !isNamedByAProcess(directory.path());
+        }));
     }
 }
 

@@ -1,6 +1,6 @@
-#include "BLEManager.h"
-#include "TestSupport.h"
+#include "AdvertisementCheck.h"
 
+#include <QRandomGenerator>
 #include <QSignalSpy>
 #include <QTest>
 
@@ -24,6 +24,7 @@ private slots:
     void advertisement();
     void lastMatchDecides();
     void firstSightingIsKept();
+    void randomAdvertisements();
 
 private:
     static QBluetoothDeviceInfo info(const QString &address, const QString &name,
@@ -181,6 +182,22 @@ void TestRecognition::firstSightingIsKept()
              QStringList(
                      { u"\"connectToDevice() error, device unsupported, mac address: %1\""_s.arg(
                              address) }));
+}
+
+void TestRecognition::randomAdvertisements()
+{
+    const quint32 seed = randomSeed();
+    QRandomGenerator random(seed);
+    AdvertisementCheck check;
+    for (int round = 0; round < 5000; ++round) {
+        QByteArray bytes(random.bounded(600), '\0');
+        for (char &byte : bytes)
+            byte = static_cast<char>(random.generate());
+        const QString wrong = check.run(bytes);
+        QVERIFY2(wrong.isEmpty(),
+                 qPrintable(u"%1 (seed %2, %3)"_s.arg(wrong, QString::number(seed),
+                                                      QLatin1String(bytes.toHex()))));
+    }
 }
 
 QTEST_GUILESS_MAIN(TestRecognition)

@@ -1,0 +1,419 @@
+#include "CorvelKXBleInterface.h"
+#include "TestSupport.h"
+
+#include <QFile>
+#include <QPluginLoader>
+#include <QTest>
+#include <QThread>
+#include <QTimer>
+
+#include <atomic>
+#include <cstdio>
+#include <memory>
+#include <utility>
+
+using Qt::StringLiterals::operator""_s;
+
+namespace {
+
+constexpr QLatin1String light("C0:FF:EE:00:00:03");
+
+// A moment of the road: the worker thread is just about to write this line of its log.
+struct Step
+{
+    const char *name;
+    const char *line;
+};
+
+enum { Connecting = 1, Busy = 5 };
+constexpr Step steps[] = {
+    { "scanning", "mac addr: \"C0:FF:EE:00:00:03\"  valid: true" },
+    { "connecting", "QLowEnergyController::ConnectingState" },
+    { "discovering services", "QLowEnergyController::DiscoveringState" },
+    { "discovering details", "state: QLowEnergyService::RemoteServiceDiscovering" },
+    { "binding", "update m_characteristicsMap. mac addr:" },
+    { "bound and busy", "Received data:" },
+};
+
+struct Order
+{
+    QString name;
+    QVariantList arguments;
+};
+
+} // namespace
+
+// Everything that breaks, at each step of the road, as a host sees it through the loaded plugin:
+// what it is told, and with which commands it gets the light back. The table in the documentation
+// says what is expected, and is printed anew.
+class TestFaults : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void faultAtStep_data();
+    void faultAtStep();
+    void cleanup();
+    void cleanupTestCase();
+
+private:
+    struct Fault
+    {
+        const char *name;
+        Order begin;
+        Order end;
+        void (TestFaults::*deed)() = nullptr; // of the host, where nothing is ordered
+        bool isEvent = true;                  // as opposed to what the light is from then on
+    };
+
+    static QList<Fault> faults();
+    static QString withRepeats(const QStringList &events);
+
+    void makePlugin();
+    void inject(const QString &line);
+    void doDeed();
+    void onDiscovered(const QString &address);
+    void settle();
+    bool comesBackBy(const QString &way, bool forSure);
+    QString recover(const QString &expected);
+
+    void removeLight() { m_plugin->removeDevice(light); }
+    void connectAgain() { m_plugin->connectToDevice(light); }
+    void reconnect() { m_plugin->reconnectDevice(light); }
+    void destroy();
+
+    Lights m_lights;
+    QHash<QString, QStringList> m_expected; // by fault, in the order of the steps
+    QHash<QString, QStringList> m_table;
+    std::unique_ptr<LogRecorder> m_log;
+    std::unique_ptr<QPluginLoader> m_loader;
+    CorvelKXBleInterface *m_plugin = nullptr;
+    int m_step = 0;
+    Fault m_fault { nullptr, {}, {} };
+    std::atomic_bool m_isInjected = false;
+    bool m_isDone = false;
+    bool m_isWanted = false; // connected as soon as it is seen
+    bool m_isReady = false;
+    QStringList m_seen; // since the fault
+    int m_disconnections = 0;
+    QList<QByteArray> m_received;
+};
+
+QList<TestFaults::Fault> TestFaults::faults()
+{
+    const auto event = [](const char *name, const QString &order, const QString &argument = light,
+                          const Order &end = {}) {
+        return Fault { name, { order, { argument } }, end };
+    };
+    const auto setting = [](const char *name, const QString &key, const QString &value) {
+        return Fault {
+            name, { u"set"_s, { QString(light), key, value } }, { u"reset"_s, {} }, nullptr, false
+        };
+    };
+    const auto there = [](const char *name, const QString &what, const QString &leave) {
+        return Fault { name, { what, { leave } }, { what, { u"return"_s } } };
+    };
+    const auto host = [](const char *name, void (TestFaults::*deed)()) {
+        return Fault { name, {}, { u"reset"_s, {} }, deed };
+    };
+    const QString description = u"{\"address\": \"%1\", \"type\": 3, \"authentication\": true, "
+                                "\"name\": \"Corvel light(DM41)\"}"_s.arg(light);
+    return {
+        event("the link drops", u"drop"_s),
+        event("the device disappears from the bus", u"forget"_s, light,
+              { u"add"_s, { description } }),
+        event("the services vanish, the link stays", u"vanish"_s),
+        setting("a connection is refused", u"connect"_s, u"refuse"_s),
+        setting("a connection hangs", u"connect"_s, u"hang"_s),
+        setting("a connection aborts", u"connect"_s, u"abort"_s),
+        setting("the services are never resolved", u"resolve"_s, u"false"_s),
+        setting("the main service is missing", u"omit"_s, u"0000fff0"_s),
+        setting("the characteristic to write is missing", u"omit"_s, u"0000fff2"_s),
+        setting("the characteristic that notifies is missing", u"omit"_s, u"0000fff1"_s),
+        setting("the descriptor is missing", u"omit"_s, u"00002902"_s),
+        setting("reading fails", u"reads"_s, u"refuse"_s),
+        setting("writing is refused", u"writes"_s, u"refuse"_s),
+        event("the adapter is off for a while", u"adapter"_s, u"off"_s,
+              { u"adapter"_s, { u"on"_s } }),
+        there("the adapter is away for a while", u"adapter"_s, u"remove"_s),
+        there("the daemon is away for a while", u"daemon"_s, u"leave"_s),
+        there("the daemon is killed, and started again", u"daemon"_s, u"kill"_s),
+        host("the host removes the device", &TestFaults::removeLight),
+        host("the host connects again", &TestFaults::connectAgain),
+        host("the host asks to reconnect", &TestFaults::reconnect),
+        host("the host destroys the plugin", &TestFaults::destroy),
+    };
+}
+
+void TestFaults::initTestCase()
+{
+    QFile file(QStringLiteral(FAULTS_FILE));
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    const auto lines = QString::fromUtf8(file.readAll()).split(u'\n');
+    for (const QString &line : lines) {
+        QStringList cells = line.split(u'|');
+        if (cells.size() != int(std::size(steps)) + 3)
+            continue;
+        for (QString &cell : cells)
+            cell = cell.trimmed();
+        m_expected.insert(cells.at(1), cells.mid(2, std::size(steps)));
+    }
+}
+
+void TestFaults::faultAtStep_data()
+{
+    QTest::addColumn<int>("fault");
+    QTest::addColumn<int>("step");
+    const auto all = faults();
+    for (int fault = 0; fault < all.size(); ++fault) {
+        for (int step = 0; step < int(std::size(steps)); ++step)
+            QTest::addRow("%s, %s", all.at(fault).name, steps[step].name) << fault << step;
+    }
+}
+
+void TestFaults::makePlugin()
+{
+    m_loader = std::make_unique<QPluginLoader>(QStringLiteral(PLUGIN_FILE));
+    m_plugin = qobject_cast<CorvelKXBleInterface *>(m_loader->instance());
+    QVERIFY(m_plugin);
+    const auto see = [this](const QString &what) {
+        if (m_isInjected)
+            m_seen.append(what);
+    };
+    connect(m_plugin, &CorvelKXBleInterface::sigDeviceDiscovered, this,
+            [this](int, const QString &address) { onDiscovered(address); });
+    connect(m_plugin, &CorvelKXBleInterface::sigDeviceDiscoveredErrorOccurred, this,
+            [see] { see(u"scan fails"_s); });
+    connect(m_plugin, &CorvelKXBleInterface::sigDeviceConnected, this, [=] {
+        m_isReady = true;
+        see(u"ready"_s);
+        // A payload for a link that is being replaced would be one fault more.
+        const int payloads = m_fault.deed && m_step != Busy ? 0 : 20;
+        for (char i = 0; i < payloads; ++i)
+            m_plugin->sendMessage(light, QByteArray(1, i));
+    });
+    connect(m_plugin, &CorvelKXBleInterface::sigDeviceDisconnected, this, [=] {
+        m_isReady = false;
+        ++m_disconnections;
+        see(u"gone"_s);
+    });
+    connect(m_plugin, &CorvelKXBleInterface::sigMessageReceived, this,
+            [this](const QString &, const QByteArray &data) { m_received.append(data); });
+}
+
+void TestFaults::onDiscovered(const QString &address)
+{
+    if (address != light || !m_isWanted)
+        return;
+    m_isWanted = false;
+    m_plugin->stop();
+    m_plugin->connectToDevice(light);
+}
+
+// Runs inside the worker thread's own log line, so that the fault hits the step and nothing else.
+void TestFaults::inject(const QString &line)
+{
+    if (m_isInjected || QThread::currentThread() == thread()
+        || !line.contains(QLatin1String(steps[m_step].line)))
+        return;
+    m_isInjected = true;
+    const auto begin = [this] {
+        Lights::ask(m_fault.begin.name, m_fault.begin.arguments);
+        QMetaObject::invokeMethod(
+                this, [this] { m_isDone = true; }, Qt::QueuedConnection);
+    };
+    if (m_step == Busy)
+        Lights::ask(u"burst"_s, { QString(light), 200, 20, 0 });
+    if (m_fault.deed)
+        QMetaObject::invokeMethod(this, &TestFaults::doDeed, Qt::QueuedConnection);
+    else if (m_fault.isEvent && m_step == Connecting)
+        QTimer::singleShot(0, begin); // once the connection was asked for
+    else
+        begin();
+}
+
+void TestFaults::doDeed()
+{
+    if (const auto deed = m_fault.deed)
+        (this->*deed)();
+    m_isDone = true;
+}
+
+void TestFaults::destroy()
+{
+    delete m_plugin;
+    m_plugin = nullptr;
+    m_isReady = false;
+}
+
+// Lets everything that is under way arrive, round after round through the daemon, the manager and
+// here, until nothing comes of it any more.
+void TestFaults::settle()
+{
+    const QString roundLine = u"[BLEManager::stop] enter..."_s;
+    qsizetype known = -1;
+    for (int quiet = 0; quiet < 10; ++quiet) {
+        m_lights.order(u"connected"_s);
+        if (m_plugin) {
+            const auto before = m_log->linesWith(roundLine).size();
+            m_plugin->stop();
+            QVERIFY(waitFor([&] { return m_log->linesWith(roundLine).size() > before; }));
+        }
+        QCoreApplication::processEvents();
+        const auto lines = m_log->lines().size() - m_log->linesWith(roundLine).size();
+        if (std::exchange(known, lines) != lines)
+            quiet = 0;
+    }
+}
+
+bool TestFaults::comesBackBy(const QString &way, bool forSure)
+{
+    const auto readyAgain = [&](const std::function<bool()> &done) {
+        if (forSure)
+            return waitFor(done);
+        return QTest::qWaitFor(done, 500);
+    };
+    if (way == QLatin1String("new object")) {
+        if (m_plugin || !waitFor([this] { return m_lights.order(u"connected"_s).isEmpty(); }))
+            return false;
+        makePlugin();
+    }
+    if (!m_plugin)
+        return false;
+    if (!way.isEmpty())
+        m_isReady = false;
+    if (way == QLatin1String("reconnect"))
+        m_plugin->reconnectDevice(light);
+    if (way == QLatin1String("scan")) {
+        m_plugin->removeDevice(light);
+        settle();
+        m_isReady = false;
+    }
+    if (way == QLatin1String("scan") || way == QLatin1String("new object")) {
+        m_isWanted = true;
+        m_plugin->start();
+    }
+    if (!readyAgain([this] { return m_isReady; }))
+        return false;
+    m_plugin->sendMessage(light, "back");
+    return readyAgain([this] { return m_received.contains("back"); });
+}
+
+// The commands that bring the light back; nothing where none is needed.
+QString TestFaults::recover(const QString &expected)
+{
+    if (!expected.isNull())
+        return comesBackBy(expected, true) ? expected : u"lost"_s;
+    for (const QString &way : { u""_s, u"reconnect"_s, u"scan"_s, u"new object"_s }) {
+        if ((m_isReady || !way.isEmpty()) && comesBackBy(way, false))
+            return way;
+    }
+    return u"lost"_s;
+}
+
+QString TestFaults::withRepeats(const QStringList &events)
+{
+    QStringList words;
+    for (qsizetype i = 0; i < events.size();) {
+        qsizetype end = i;
+        while (end < events.size() && events.at(end) == events.at(i))
+            ++end;
+        words.append(end - i == 1 ? events.at(i) : u"%1 ×%2"_s.arg(events.at(i)).arg(end - i));
+        i = end;
+    }
+    return words.join(u", "_s);
+}
+
+void TestFaults::faultAtStep()
+{
+    QFETCH(int, fault);
+    QFETCH(int, step);
+    m_fault = faults().at(fault);
+    m_step = step;
+    const QString faultName = QString::fromLatin1(m_fault.name);
+    const QString expected = m_expected.value(faultName).value(step);
+    QString expectedSeen = expected.section(u"; "_s, 0, 0);
+    if (expectedSeen == QLatin1String("silence") || expectedSeen == QLatin1String("no effect"))
+        expectedSeen.clear();
+    // A moment that lasts is the only one in which something can happen to it.
+    const bool hangs = m_fault.isEvent && step == Connecting;
+    m_lights.set(light, u"connect"_s, hangs ? u"hang"_s : u"accept"_s);
+    // As with a real adapter, a link that is let go lasts for longer than a new connection takes.
+    if (m_fault.deed && step != Connecting)
+        m_lights.set(light, u"disconnectDelay"_s, u"300"_s);
+
+    m_isInjected = false;
+    m_isDone = false;
+    m_isWanted = true;
+    m_isReady = false;
+    m_disconnections = 0;
+    m_seen.clear();
+    m_received.clear();
+    m_log = std::make_unique<LogRecorder>();
+    m_log->setHook([this](const QString &line) { inject(line); });
+    makePlugin();
+    m_plugin->start();
+    QVERIFY(waitFor([this] { return m_isDone; }));
+
+    if (expected.isEmpty())
+        QTest::qWait(500);
+    else
+        waitFor([&] { return withRepeats(m_seen) == expectedSeen; });
+    settle();
+    const QString seen = withRepeats(m_seen);
+    // The host hears of each link that the system reports as ended, and of each attempt that failed
+    // for want of an adapter: no more, and nothing is lost.
+    const auto told = m_log->linesWith(u"::slotDeviceDisconnected, macAddr: \"%1\""_s.arg(light))
+                              .size()
+                      + m_log->linesWith(u"\"%1\" ,  QLowEnergyController::"
+                                         "InvalidBluetoothAdapterError"_s.arg(light))
+                                .size();
+    if (m_plugin)
+        QCOMPARE(m_disconnections, told);
+
+    if (!m_fault.end.name.isEmpty())
+        m_lights.order(m_fault.end.name, m_fault.end.arguments);
+    m_lights.set(light, u"connect"_s, u"accept"_s);
+    const QString way = recover(expected.isEmpty() ? QString()
+                                                   : expected.section(u"; "_s, 1, 1) + u""_s);
+    QString cell = seen;
+    if (seen.isEmpty())
+        cell = way.isEmpty() ? u"no effect"_s : u"silence"_s;
+    if (!way.isEmpty())
+        cell += u"; "_s + way;
+    m_table[faultName].append(cell);
+    QCOMPARE(cell, expected);
+}
+
+void TestFaults::cleanup()
+{
+    if (QTest::currentTestFailed())
+        std::fputs(qPrintable(m_log->lines().join(u'\n') + u'\n'), stderr);
+    if (m_plugin)
+        m_plugin->stop();
+    destroy();
+    m_log.reset();
+    m_lights.ask(u"daemon"_s, { u"return"_s });
+    m_lights.restore();
+}
+
+void TestFaults::cleanupTestCase()
+{
+    QString table = u"| |"_s;
+    QString rule = u"| --- |"_s;
+    for (const Step &step : steps) {
+        table += u" %1 |"_s.arg(QLatin1String(step.name));
+        rule += u" --- |"_s;
+    }
+    table += u'\n' + rule + u'\n';
+    const auto all = faults();
+    for (const Fault &fault : all) {
+        const QString name = QString::fromLatin1(fault.name);
+        table += u"| %1 | %2 |\n"_s.arg(name, m_table.value(name).join(u" | "_s));
+    }
+    std::fputs(table.toUtf8().constData(), stdout);
+}
+
+QTEST_GUILESS_MAIN(TestFaults)
+#include "tst_faults.moc"
