@@ -2,6 +2,7 @@
 // Runs among virtual lights of its own choice: corvelkx-lights --crowd 12 -- corvelkx-soak
 #include "BLEManager.h"
 #include "CorvelKXBleInterface.h"
+#include "Support.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -22,16 +23,14 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <functional>
-#include <malloc.h>
 #include <memory>
 
 namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto patience = 1s; // of the host, with one light
-constexpr auto stuckAfter = 120s;
+constexpr auto patience = 1s;    // of the host, with one light
+constexpr int lookInterval = 20; // ms, for what tells nobody of a change
 constexpr int reportInterval = 1000;
 constexpr int warmUp = 50;
 constexpr int reconnects = 2000;
@@ -50,30 +49,6 @@ void readLog(QtMsgType, const QMessageLogContext &, const QString &line)
         ++disconnectionsToTell;
 }
 
-QStringList order(const char *name, const QVariantList &arguments = {})
-{
-    auto message = QDBusMessage::createMethodCall(QStringLiteral("org.example.CorvelKXLights"),
-                                                  QStringLiteral("/org/example/CorvelKXLights"),
-                                                  QStringLiteral("org.example.CorvelKXLights1"),
-                                                  QLatin1String(name));
-    message.setArguments(arguments);
-    return QDBusConnection::systemBus().call(message).arguments().value(0).toStringList();
-}
-
-// Runs the event loop until \a done holds; it is asked after each round, and now and then.
-bool runUntil(const std::function<bool()> &done)
-{
-    QTimer tick;
-    tick.start(20ms);
-    const QDeadlineTimer deadline(stuckAfter);
-    while (!done()) {
-        if (deadline.hasExpired())
-            return false;
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
-    }
-    return true;
-}
-
 struct Footprint
 {
     qint64 residentKilobytes = 0;
@@ -88,7 +63,7 @@ struct Footprint
         QFile statm(QStringLiteral("/proc/self/statm"));
         if (statm.open(QIODevice::ReadOnly))
             f.residentKilobytes = statm.readAll().split(' ').value(1).toLongLong() * 4;
-        f.heap = static_cast<qint64>(mallinfo2().uordblks);
+        f.heap = heapSize();
         const auto entries = [](const char *path) {
             return QDir(QLatin1String(path))
                     .entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot)
@@ -357,9 +332,9 @@ bool Soak::comeToRest()
     const auto addresses = m_lights.keys();
     for (const QString &address : addresses)
         startOver(address);
-    const bool isQuiet = runUntil([this] { return order("connected").isEmpty(); });
+    const bool isQuiet = runUntil([this] { return order("connected").isEmpty(); }, lookInterval);
     // What was told last has yet to arrive.
-    runUntil([this] { return m_disconnections >= disconnectionsToTell; });
+    runUntil([this] { return m_disconnections >= disconnectionsToTell; }, lookInterval);
     m_rescan.stop();
     m_isResting = false;
     return isQuiet;
@@ -414,21 +389,20 @@ void measureReconnection()
         }
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     };
-    const auto heap = [] { return static_cast<qint64>(mallinfo2().uordblks); };
-
     reconnect(warmUp);
     qDeleteAll(manager->findChildren<QLowEnergyService *>());
-    const qint64 before = heap();
+    const qint64 before = heapSize();
     reconnect(reconnects);
-    const qint64 after = heap();
+    const qint64 after = heapSize();
     const auto services = manager->findChildren<QLowEnergyService *>();
     qDeleteAll(services);
     std::printf("One reconnection keeps %lld bytes: %.2f service objects of %lld bytes, and %lld "
                 "bytes more.\n",
                 static_cast<long long>((after - before) / reconnects),
                 double(services.size()) / reconnects,
-                static_cast<long long>((after - heap()) / std::max<qsizetype>(services.size(), 1)),
-                static_cast<long long>((heap() - before) / reconnects));
+                static_cast<long long>((after - heapSize())
+                                       / std::max<qsizetype>(services.size(), 1)),
+                static_cast<long long>((heapSize() - before) / reconnects));
 }
 
 // Matches come and go with the links that are being dropped: some for each light, but no more.
@@ -445,8 +419,7 @@ bool isFlat(const Footprint &first, const Footprint &last, uint lights)
 
 int main(int argc, char *argv[])
 {
-    // One arena, so that the heap's size is that of all threads.
-    mallopt(M_ARENA_MAX, 1);
+    useOneArena();
     QCoreApplication app(argc, argv);
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral(

@@ -3,6 +3,14 @@
 #include <QEventLoop>
 #include <QTimer>
 
+#include <algorithm>
+
+namespace {
+
+constexpr std::chrono::seconds halfWayLimit(1);
+
+} // namespace
+
 Session::Session(QObject *parent) : QObject(parent) { }
 
 Session::~Session()
@@ -52,6 +60,7 @@ void Session::watch()
     connect(m_plugin, &CorvelKXBleInterface::sigDeviceDisconnected, this,
             [this](const QString &devAddr) {
                 m_ready.remove(devAddr);
+                m_open.remove(devAddr);
                 emit changed();
             });
     connect(m_plugin, &CorvelKXBleInterface::sigMessageReceived, this,
@@ -79,6 +88,7 @@ void Session::connectTo(const QStringList &addresses)
 {
     for (const QString &address : addresses) {
         m_asked.insert(address);
+        m_open.insert(address);
         m_plugin->connectToDevice(address);
     }
 }
@@ -86,6 +96,7 @@ void Session::connectTo(const QStringList &addresses)
 void Session::reconnectTo(const QString &address)
 {
     m_asked.insert(address);
+    m_open.insert(address);
     m_ready.remove(address);
     m_plugin->reconnectDevice(address);
 }
@@ -106,7 +117,9 @@ void Session::close(std::chrono::milliseconds limit)
     const auto asked = m_asked.values();
     for (const QString &address : asked)
         forget(address);
-    waitUntil([this] { return m_ready.isEmpty(); }, limit);
+    // A link that is just being made may end without a word, but it has to be let go all the same.
+    const std::chrono::milliseconds patience = m_ready.contains(m_open) ? limit : halfWayLimit;
+    waitUntil([this] { return m_open.isEmpty(); }, std::min(limit, patience));
 }
 
 Session::Wait Session::waitUntil(const std::function<bool()> &done,

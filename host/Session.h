@@ -79,6 +79,7 @@ private:
     QMap<QString, Found> m_found;
     QSet<QString> m_seenInScan;
     QSet<QString> m_asked;
+    QSet<QString> m_open; //!< asked for, and not gone since
     QSet<QString> m_ready;
     std::optional<QBluetoothDeviceDiscoveryAgent::Error> m_scanError;
     QMap<QString, quint64> m_receivedFrom;

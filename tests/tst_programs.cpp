@@ -356,7 +356,7 @@ void TestPrograms::interruptionLeavesNoLink()
             u"$LIGHTS ctl set C0:FF:EE:00:00:01 connect %1; (sh -c 'echo "
             "$$; exec $HOST --log listen C0:FF:EE:00:00:01 2>&1'; echo "
             "status $?) | { read -r pid; while read -r line; do case $line "
-            "in *'%2'*) kill -%3 $pid 2>/dev/null;; status*) echo $line;; esac; done; "
+            "in *'%2'*) [ $pid = 0 ] || kill -%3 $pid; pid=0;; status*) echo $line;; esac; done; "
             "}; $LIGHTS ctl connected; $LIGHTS ctl set C0:FF:EE:00:00:01 connect accept; "
             "$HOST connect C0:FF:EE:00:00:01"_s.arg(connect, event, QString::number(signal)));
     // What hung hangs no more, or the next host would be refused.

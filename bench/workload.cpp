@@ -1,0 +1,401 @@
+// One thing to measure, done once in one of three ways; prints a JSON object. corvelkx-bench runs
+// it.
+#include "BLEManager.h"
+#include "Central.h"
+#include "Support.h"
+
+#include <QBluetoothDeviceDiscoveryAgent>
+#include <QCommandLineParser>
+#include <QCoreApplication>
+#include <QDBusAbstractInterface>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QLoggingCategory>
+#include <QPluginLoader>
+#include <QSet>
+#include <QTimer>
+#include <QtEndian>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <sys/resource.h>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Microseconds = std::chrono::duration<double, std::micro>;
+using Milliseconds = std::chrono::duration<double, std::milli>;
+
+constexpr int payloadSize = 20;
+constexpr int lookInterval = 5; // ms, for what tells nobody of a change
+
+double processorTime()
+{
+    rusage usage = {};
+    getrusage(RUSAGE_SELF, &usage);
+    const auto microseconds = [](const timeval &t) {
+        return double(t.tv_sec) * 1e6 + double(t.tv_usec);
+    };
+    return microseconds(usage.ru_utime) + microseconds(usage.ru_stime);
+}
+
+double quantile(std::vector<double> &values, double part)
+{
+    const auto place = values.begin()
+                       + static_cast<std::ptrdiff_t>(double(values.size() - 1) * part);
+    std::nth_element(values.begin(), place, values.end());
+    return *place;
+}
+
+// Remembers when a message of the bus was last handed to Qt Bluetooth, on whatever thread.
+class Application : public QCoreApplication
+{
+public:
+    using QCoreApplication::QCoreApplication;
+
+    bool notify(QObject *receiver, QEvent *event) override
+    {
+        if (m_isWatching && event->type() == QEvent::MetaCall
+            && qobject_cast<QDBusAbstractInterface *>(receiver))
+            m_lastMessage = Clock::now();
+        return QCoreApplication::notify(receiver, event);
+    }
+    void watch() { m_isWatching = true; }
+    Clock::time_point lastMessage() const { return m_lastMessage; }
+
+private:
+    std::atomic_bool m_isWatching = false;
+    std::atomic<Clock::time_point> m_lastMessage { Clock::time_point() };
+};
+
+// The longest time for which the event loop of this thread came to nothing.
+class Gap
+{
+public:
+    Gap()
+    {
+        m_timer.setTimerType(Qt::PreciseTimer);
+        QObject::connect(&m_timer, &QTimer::timeout, &m_timer, [this] {
+            const auto now = Clock::now();
+            m_longest = std::max(m_longest, now - m_last);
+            m_last = now;
+        });
+        m_timer.start(1);
+    }
+    double milliseconds() const { return Milliseconds(m_longest).count(); }
+
+private:
+    QTimer m_timer;
+    Clock::time_point m_last = Clock::now();
+    Clock::duration m_longest {};
+};
+
+void require(bool isDone)
+{
+    if (!isDone)
+        qFatal("Nothing moves any more.");
+}
+
+QJsonObject named(const char *name, double value)
+{
+    return { { QLatin1String(name), value } };
+}
+
+void find(Central *central, const QStringList &addresses)
+{
+    QSet<QString> missing(addresses.cbegin(), addresses.cend());
+    central->found = [&missing](const QString &address) { missing.remove(address); };
+    central->startScan();
+    require(runUntil([&missing] { return missing.isEmpty(); }));
+    central->stopScan();
+    central->found = [](const QString &) {};
+}
+
+void connectAll(Central *central, const QStringList &addresses)
+{
+    QSet<QString> missing(addresses.cbegin(), addresses.cend());
+    central->ready = [&missing](const QString &address) { missing.remove(address); };
+    for (const QString &address : addresses)
+        central->connectTo(address);
+    require(runUntil([&missing] { return missing.isEmpty(); }));
+    central->ready = [](const QString &) {};
+}
+
+// Ready, and all that goes with it done: the light answers.
+void bringUp(Central *central, const QStringList &addresses)
+{
+    find(central, addresses);
+    connectAll(central, addresses);
+    QSet<QString> missing(addresses.cbegin(), addresses.cend());
+    central->received = [&missing](const QString &address, const QByteArray &) {
+        missing.remove(address);
+    };
+    for (const QString &address : addresses)
+        central->send(address, "hello");
+    require(runUntil([&missing] { return missing.isEmpty(); }));
+}
+
+QJsonObject calls(Central *central, const QStringList &addresses, int)
+{
+    find(central, addresses);
+    // The scan's own calls are not of interest, the last of them included.
+    require(runUntil(
+            [] {
+                return order("report").constFirst().contains(QLatin1String("\"scanning\":false"));
+            },
+            lookInterval));
+    order("reset");
+    connectAll(central, addresses);
+    bool isAnswered = false;
+    central->received = [&](const QString &, const QByteArray &) { isAnswered = true; };
+    central->send(addresses.constFirst(), QByteArray(payloadSize, 'x'));
+    require(runUntil([&] { return isAnswered; }));
+    bool isGone = false;
+    central->gone = [&](const QString &) { isGone = true; };
+    central->letGo(addresses.constFirst());
+    require(runUntil([&] { return isGone; }));
+    double total = 0;
+    const QStringList lines = order("calls");
+    for (const QString &line : lines)
+        total += line.section(QLatin1Char(' '), 1).toDouble();
+    return named("calls", total);
+}
+
+QJsonObject rate(Central *central, const QStringList &addresses, int count)
+{
+    bringUp(central, addresses);
+    int received = 0;
+    Clock::time_point begin;
+    central->received = [&](const QString &, const QByteArray &) {
+        if (received++ == 0)
+            begin = Clock::now();
+    };
+    order("burst", { addresses.constFirst(), count, payloadSize, 0 });
+    const double before = processorTime();
+    require(runUntil([&] { return received == count; }));
+    const std::chrono::duration<double> elapsed = Clock::now() - begin;
+    return { { QStringLiteral("perSecond"), count / elapsed.count() },
+             { QStringLiteral("processor"), (processorTime() - before) / count } };
+}
+
+QJsonObject flood(Central *central, const QStringList &addresses, int seconds)
+{
+    constexpr int perSecond = 2000;
+    const int rateOfOne = perSecond / static_cast<int>(addresses.size());
+    const int count = rateOfOne * seconds;
+    bringUp(central, addresses);
+    QHash<QString, quint32> next;
+    qint64 received = 0;
+    double disorder = 0;
+    central->received = [&](const QString &address, const QByteArray &data) {
+        ++received;
+        disorder += qFromBigEndian<quint32>(data.constData()) != next[address]++;
+    };
+    for (const QString &address : addresses)
+        order("burst", { address, count, payloadSize, rateOfOne });
+    const bool areAllThere = runUntil([&] { return received == count * addresses.size(); });
+    return { { QStringLiteral("sent"), double(count) * double(addresses.size()) },
+             { QStringLiteral("lost"),
+               areAllThere ? 0 : double(count) * double(addresses.size()) - double(received) },
+             { QStringLiteral("outOfOrder"), disorder } };
+}
+
+QJsonObject delay(Central *central, const QStringList &addresses, int count)
+{
+    auto *app = static_cast<Application *>(QCoreApplication::instance());
+    bringUp(central, addresses);
+    app->watch();
+    std::vector<double> delays;
+    central->received = [&](const QString &, const QByteArray &) {
+        delays.push_back(Microseconds(Clock::now() - app->lastMessage()).count());
+    };
+    auto message = QDBusMessage::createMethodCall(QStringLiteral("org.example.CorvelKXLights"),
+                                                  QStringLiteral("/org/example/CorvelKXLights"),
+                                                  QStringLiteral("org.example.CorvelKXLights1"),
+                                                  QStringLiteral("notify"));
+    message.setArguments({ addresses.constFirst(), QString::fromLatin1(QByteArray(40, '0')) });
+    for (int i = 1; i <= count; ++i) {
+        QDBusConnection::systemBus().send(message); // nobody waits for the answer
+        require(runUntil([&] { return int(delays.size()) == i; }));
+    }
+    return { { QStringLiteral("p50"), quantile(delays, 0.5) },
+             { QStringLiteral("p99"), quantile(delays, 0.99) } };
+}
+
+QJsonObject writes(Central *central, const QStringList &addresses, int count)
+{
+    QJsonObject result;
+    bringUp(central, addresses);
+    const char *const names[] = { "withoutResponse", "withResponse" };
+    for (int way = 0; way < 2; ++way) {
+        int answered = 0;
+        central->received = [&](const QString &, const QByteArray &) { ++answered; };
+        const auto begin = Clock::now();
+        for (int i = 0; i < count; ++i)
+            central->send(addresses.at(way), QByteArray(payloadSize, 'x'));
+        require(runUntil([&] { return answered == count; }));
+        const std::chrono::duration<double> elapsed = Clock::now() - begin;
+        result.insert(QLatin1String(names[way]), count / elapsed.count());
+    }
+    return result;
+}
+
+QJsonObject road(Central *central, const QStringList &addresses, int)
+{
+    bool isReady = false;
+    bool isSeen = false;
+    central->found = [&](const QString &address) {
+        if (std::exchange(isSeen, true))
+            return;
+        central->stopScan();
+        central->connectTo(address);
+    };
+    central->ready = [&](const QString &) { isReady = true; };
+    const auto begin = Clock::now();
+    central->startScan();
+    require(runUntil([&] { return isReady; }));
+    Q_UNUSED(addresses)
+    return named("milliseconds", Milliseconds(Clock::now() - begin).count());
+}
+
+QJsonObject crowd(Central *central, const QStringList &addresses, int)
+{
+    find(central, addresses);
+    const auto quiet = Clock::now() + std::chrono::milliseconds(500);
+    double idle = 0;
+    {
+        const Gap gap;
+        require(runUntil([&] { return Clock::now() > quiet; }, 1));
+        idle = gap.milliseconds();
+    }
+    const Gap gap;
+    const auto begin = Clock::now();
+    connectAll(central, addresses);
+    return { { QStringLiteral("milliseconds"), Milliseconds(Clock::now() - begin).count() },
+             { QStringLiteral("gap"), gap.milliseconds() },
+             { QStringLiteral("idleGap"), idle } };
+}
+
+QJsonObject connectedBytes(Central *central, const QStringList &addresses, int)
+{
+    // The first one pays for what all share.
+    bringUp(central, addresses.mid(0, 1));
+    const qint64 before = heapSize();
+    bringUp(central, addresses.mid(1));
+    return named("bytes", double(heapSize() - before) / double(addresses.size() - 1));
+}
+
+QJsonObject recognition(Central *, const QStringList &, int count)
+{
+    BLEManager manager;
+    manager.init();
+    auto *agent = manager.findChild<QBluetoothDeviceDiscoveryAgent *>();
+    QJsonObject result;
+    for (const bool isSupported : { true, false }) {
+        QBluetoothDeviceInfo info(QBluetoothAddress(QStringLiteral("C0:FF:EE:00:00:01")),
+                                  QStringLiteral("Corvel light(Desk)"), 0);
+        info.setManufacturerData(0xFFFF, QByteArray::fromHex(isSupported ? "3c0100000300"
+                                                                         : "10020000030000")
+                                                 .append(6, '\1'));
+        const auto begin = Clock::now();
+        for (int i = 0; i < count; ++i)
+            emit agent->deviceDiscovered(info);
+        result.insert(isSupported ? QStringLiteral("supported") : QStringLiteral("foreign"),
+                      std::chrono::duration<double, std::nano>(Clock::now() - begin).count()
+                              / count);
+    }
+    return result;
+}
+
+QJsonObject knownBytes(Central *, const QStringList &, int count)
+{
+    BLEManager manager;
+    manager.init();
+    auto *agent = manager.findChild<QBluetoothDeviceDiscoveryAgent *>();
+    const qint64 before = heapSize();
+    for (int i = 0; i < count; ++i) {
+        QBluetoothDeviceInfo info(QBluetoothAddress(0xC0FFEE000000ULL + quint64(i)),
+                                  QStringLiteral("Corvel light(%1)").arg(i), 0);
+        info.setManufacturerData(0xFFFF, QByteArray::fromHex("3c0100000300010101010101"));
+        emit agent->deviceDiscovered(info);
+    }
+    return named("bytes", double(heapSize() - before) / count);
+}
+
+QJsonObject load(Central *, const QStringList &, int)
+{
+    QPluginLoader loader(QStringLiteral(PLUGIN_FILE));
+    const auto begin = Clock::now();
+    require(loader.load());
+    const auto loaded = Clock::now();
+    require(loader.instance() != nullptr);
+    const auto made = Clock::now();
+    loader.unload();
+    return { { QStringLiteral("load"), Milliseconds(loaded - begin).count() },
+             { QStringLiteral("instance"), Milliseconds(made - loaded).count() } };
+}
+
+struct Workload
+{
+    const char *name;
+    QJsonObject (*run)(Central *central, const QStringList &addresses, int count);
+    bool needsLights = true;
+};
+
+constexpr Workload workloads[] = {
+    { "calls", calls },
+    { "rate", rate },
+    { "flood", flood },
+    { "delay", delay },
+    { "writes", writes },
+    { "road", road },
+    { "crowd", crowd },
+    { "connectedBytes", connectedBytes },
+    { "recognition", recognition, false },
+    { "knownBytes", knownBytes, false },
+    { "load", load, false },
+};
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    useOneArena();
+    Application app(argc, argv);
+    QCommandLineParser parser;
+    parser.addHelpOption();
+    parser.addPositionalArgument(QStringLiteral("way"), QStringLiteral("bare, plugin or logged"));
+    parser.addPositionalArgument(QStringLiteral("workload"), QStringLiteral("what to do"));
+    parser.addPositionalArgument(QStringLiteral("count"), QStringLiteral("how often"));
+    parser.process(app);
+    const QStringList words = parser.positionalArguments();
+    const auto *workload = std::find_if(std::begin(workloads), std::end(workloads),
+                                        [&words](const Workload &w) {
+                                            return words.value(1) == QLatin1String(w.name);
+                                        });
+    if (workload == std::end(workloads))
+        parser.showHelp(EXIT_FAILURE);
+
+    // Formatted where it is wanted, and dropped.
+    const bool isLogged = words.at(0) == QLatin1String("logged");
+    QLoggingCategory::setFilterRules(isLogged ? QStringLiteral("*.debug=false\ndefault.debug=true")
+                                              : QStringLiteral("*.debug=false"));
+    qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &, const QString &line) {
+        if (type == QtFatalMsg)
+            std::fprintf(stderr, "corvelkx-workload: %s\n", qPrintable(line));
+    });
+    std::unique_ptr<Central> central;
+    if (workload->needsLights) {
+        central = words.at(0) == QLatin1String("bare") ? bareCentral()
+                                                       : pluginCentral(QStringLiteral(PLUGIN_FILE));
+    }
+    const QStringList addresses = workload->needsLights ? order("lights") : QStringList();
+    const QJsonObject result = workload->run(central.get(), addresses, words.value(2).toInt());
+    std::puts(QJsonDocument(result).toJson(QJsonDocument::Compact).constData());
+    return EXIT_SUCCESS;
+}
