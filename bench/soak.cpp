@@ -32,6 +32,7 @@ using namespace std::chrono_literals;
 constexpr auto patience = 1s;    // of the host, with one light
 constexpr int lookInterval = 20; // ms, for what tells nobody of a change
 constexpr int reportInterval = 1000;
+constexpr int mostOfAService = 12000; // bytes; what one is, --kept tells
 constexpr int warmUp = 50;
 constexpr int reconnects = 2000;
 
@@ -56,6 +57,7 @@ struct Footprint
     qsizetype files = 0;
     qsizetype threads = 0;
     uint matches = 0;
+    int services = 0;
 
     static Footprint now()
     {
@@ -64,6 +66,7 @@ struct Footprint
         if (statm.open(QIODevice::ReadOnly))
             f.residentKilobytes = statm.readAll().split(' ').value(1).toLongLong() * 4;
         f.heap = heapSize();
+        f.services = servicesMade;
         const auto entries = [](const char *path) {
             return QDir(QLatin1String(path))
                     .entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot)
@@ -332,7 +335,7 @@ bool Soak::comeToRest()
     const auto addresses = m_lights.keys();
     for (const QString &address : addresses)
         startOver(address);
-    const bool isQuiet = runUntil([this] { return order("connected").isEmpty(); }, lookInterval);
+    const bool isQuiet = runUntil([] { return order("connected").isEmpty(); }, lookInterval);
     // What was told last has yet to arrive.
     runUntil([this] { return m_disconnections >= disconnectionsToTell; }, lookInterval);
     m_rescan.stop();
@@ -352,7 +355,7 @@ Footprint Soak::printReport()
     std::printf("%8d %8lld %13lld %9lld %14d %6lld %8lld %8u %12d\n", m_cycles,
                 static_cast<long long>(m_elapsed.elapsed() / 1000),
                 static_cast<long long>(now.residentKilobytes),
-                static_cast<long long>(now.heap / 1024), servicesMade.load(),
+                static_cast<long long>(now.heap / 1024), now.services,
                 static_cast<long long>(now.files), static_cast<long long>(now.threads), now.matches,
                 m_timeouts);
     std::fflush(stdout);
@@ -405,13 +408,16 @@ void measureReconnection()
                 static_cast<long long>((heapSize() - before) / reconnects));
 }
 
-// Matches come and go with the links that are being dropped: some for each light, but no more.
+// The heap grows by the services that are kept, and by nothing else. Matches come and go with the
+// links that are being dropped: some for each light, but no more.
 bool isFlat(const Footprint &first, const Footprint &last, uint lights)
 {
+    const qint64 bytes = last.heap - first.heap;
     if (first.files == last.files && first.threads == last.threads
-        && last.matches <= first.matches + 2 * lights)
+        && last.matches <= first.matches + 2 * lights
+        && bytes <= qint64(mostOfAService) * (last.services - first.services))
         return true;
-    std::fputs("corvelkx-soak: Files, threads or matches grew.\n", stderr);
+    std::fputs("corvelkx-soak: The heap, files, threads or matches grew.\n", stderr);
     return false;
 }
 

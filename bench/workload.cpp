@@ -342,8 +342,8 @@ QJsonObject load(Central *, const QStringList &, int)
 
 struct Workload
 {
-    const char *name;
-    QJsonObject (*run)(Central *central, const QStringList &addresses, int count);
+    const char *name = nullptr;
+    QJsonObject (*run)(Central *central, const QStringList &addresses, int count) = nullptr;
     bool needsLights = true;
 };
 

@@ -23,6 +23,7 @@ doxygen_add_docs(docs
     docs/README.md
     docs/faults.md
     docs/host-guide.md
+    docs/performance.md
     docs/lights.md
     plugin/CorvelKXBleInterface.h
     singleclient/MYBLE.h

@@ -6,6 +6,8 @@
 #include <QRegularExpression>
 
 #include <algorithm>
+#include <iterator>
+#include <utility>
 
 using Qt::StringLiterals::operator""_s;
 
@@ -35,12 +37,12 @@ constexpr const char *beginnings[] = { "",         "\x3C\x01", "\x3C\x01", "\x3C
 class Bytes
 {
 public:
-    explicit Bytes(const QByteArray &bytes) : m_rest(bytes) { }
+    explicit Bytes(QByteArray bytes) : m_rest(std::move(bytes)) { }
 
     int next() { return static_cast<uchar>(take(1).append('\0').at(0)); }
     QByteArray take(qsizetype count)
     {
-        const QByteArray taken = m_rest.left(count);
+        QByteArray taken = m_rest.left(count);
         m_rest = m_rest.mid(count);
         return taken;
     }
@@ -84,7 +86,7 @@ QBluetoothDeviceInfo deviceFrom(Bytes &bytes)
     return device;
 }
 
-const QList<int> types { 1, 2, 3, 5, 6, 7, 162, 163, 1001 };
+constexpr int types[] = { -1, 1, 2, 3, 5, 6, 7, 162, 163, 1001 };
 
 } // namespace
 
@@ -121,7 +123,7 @@ QString AdvertisementCheck::receive(const QBluetoothDeviceInfo &device)
 
     const QList<QByteArray> values = device.manufacturerData().values();
     const int type = Recognition::protocolType(values);
-    if (type != -1 && !types.contains(type))
+    if (std::find(std::begin(types), std::end(types), type) == std::end(types))
         return u"type %1"_s.arg(type);
     const QString derived = Recognition::derivedAddress(values, type);
     static const QRegularExpression pairs(u"\\A[0-9A-F]{2}(:[0-9A-F]{2}){5}\\z"_s);
@@ -153,11 +155,11 @@ QString AdvertisementCheck::compareTables() const
 {
     const auto &infos = m_manager.*tableOf(DeviceInfos());
     const auto &protocolTypes = m_manager.*tableOf(ProtocolTypes());
-    if (infos.keys() != m_firstTypes.keys() || protocolTypes.size() != m_firstTypes.size())
-        return u"the tables know other lights"_s;
+    if (infos.size() != m_firstTypes.size() || protocolTypes.size() != m_firstTypes.size())
+        return u"the tables know more lights, or fewer"_s;
     for (auto light = m_firstTypes.cbegin(); light != m_firstTypes.cend(); ++light) {
-        if (protocolTypes.value(light.key()) != *light)
-            return u"%1 is remembered as another type"_s.arg(light.key());
+        if (!infos.contains(light.key()) || protocolTypes.value(light.key()) != *light)
+            return u"%1 is not remembered as it was announced"_s.arg(light.key());
     }
     return {};
 }

@@ -37,7 +37,7 @@ quint32 randomSeed()
 {
     bool isGiven = false;
     const int given = qEnvironmentVariableIntValue("CORVELKX_SEED", &isGiven);
-    const quint32 seed = isGiven ? quint32(given) : QRandomGenerator::global()->bounded(1000000);
+    const quint32 seed = isGiven ? quint32(given) : QRandomGenerator::global()->bounded(1000000U);
     qInfo().noquote() << QLatin1String("CORVELKX_SEED=") + QString::number(seed);
     return seed;
 }

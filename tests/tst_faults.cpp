@@ -1,6 +1,7 @@
 #include "CorvelKXBleInterface.h"
 #include "TestSupport.h"
 
+#include <QAbstractEventDispatcher>
 #include <QFile>
 #include <QPluginLoader>
 #include <QTest>
@@ -228,7 +229,8 @@ void TestFaults::inject(const QString &line)
     if (m_fault.deed)
         QMetaObject::invokeMethod(this, &TestFaults::doDeed, Qt::QueuedConnection);
     else if (m_fault.isEvent && m_step == Connecting)
-        QTimer::singleShot(0, begin); // once the connection was asked for
+        QTimer::singleShot(0, QAbstractEventDispatcher::instance(),
+                           begin); // once the connection was asked for
     else
         begin();
 }
@@ -394,7 +396,7 @@ void TestFaults::cleanup()
         m_plugin->stop();
     destroy();
     m_log.reset();
-    m_lights.ask(u"daemon"_s, { u"return"_s });
+    Lights::ask(u"daemon"_s, { u"return"_s });
     m_lights.restore();
 }
 
