@@ -29,7 +29,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto patience = 1s;    // of the host, with one light
 constexpr int lookInterval = 20; // ms, for what tells nobody of a change
 constexpr int reportInterval = 1000;
 constexpr int mostOfAService = 12000; // bytes; what one is, --kept tells
@@ -93,7 +92,8 @@ class Soak : public QObject
     Q_OBJECT
 
 public:
-    Soak(CorvelKXBleInterface *plugin, quint32 seed);
+    // \a patience is what the host has with one light.
+    Soak(CorvelKXBleInterface *plugin, quint32 seed, std::chrono::seconds patience);
 
     // Runs until so many cycles are done or the time is over; returns whether all went well.
     bool run(int cycles, QDeadlineTimer deadline);
@@ -125,6 +125,7 @@ private:
 
     CorvelKXBleInterface *m_plugin;
     QRandomGenerator m_random;
+    std::chrono::seconds m_patience;
     QMap<QString, Peer> m_lights;
     QTimer m_rescan;
     QElapsedTimer m_elapsed;
@@ -137,7 +138,8 @@ private:
     quint32 m_payloads = 0;
 };
 
-Soak::Soak(CorvelKXBleInterface *plugin, quint32 seed) : m_plugin(plugin), m_random(seed)
+Soak::Soak(CorvelKXBleInterface *plugin, quint32 seed, std::chrono::seconds patience)
+    : m_plugin(plugin), m_random(seed), m_patience(patience)
 {
     m_elapsed.start();
     const QStringList addresses = order("lights");
@@ -176,7 +178,7 @@ void Soak::enter(const QString &address, State state)
     if (state == State::Unknown)
         peer.limit->stop();
     else
-        peer.limit->start(patience);
+        peer.limit->start(m_patience);
 }
 
 void Soak::startOver(const QString &address)
@@ -437,6 +439,9 @@ int main(int argc, char *argv[])
               QStringLiteral("minutes"), QStringLiteral("10") },
             { QStringLiteral("cycles"), QStringLiteral("End after so many cycles."),
               QStringLiteral("cycles"), QString::number(std::numeric_limits<int>::max()) },
+            { QStringLiteral("patience"),
+              QStringLiteral("Give a light up after so many seconds (1); more for a slow build."),
+              QStringLiteral("seconds"), QStringLiteral("1") },
             { QStringLiteral("kept"),
               QStringLiteral("Only measure what one reconnection keeps by design.") },
             { QStringLiteral("seed"), QStringLiteral("Do as it was done with this seed."),
@@ -461,7 +466,8 @@ int main(int argc, char *argv[])
         std::fprintf(stderr, "corvelkx-soak: %s\n", qPrintable(loader.errorString()));
         return EXIT_FAILURE;
     }
-    Soak soak(plugin.get(), seed);
+    Soak soak(plugin.get(), seed,
+              std::chrono::seconds(parser.value(QStringLiteral("patience")).toInt()));
     soak.printHead();
     const QDeadlineTimer deadline(std::chrono::duration_cast<std::chrono::seconds>(minutes));
     std::vector<Footprint> reports;
