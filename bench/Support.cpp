@@ -2,10 +2,11 @@
 
 #include <QCoreApplication>
 #include <QDBusConnection>
-#include <QDBusMessage>
 #include <QTimer>
 
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <malloc.h>
 
 namespace {
@@ -14,14 +15,20 @@ constexpr std::chrono::minutes stuckAfter(2);
 
 } // namespace
 
-QStringList order(const char *name, const QVariantList &arguments)
+QDBusMessage orderMessage(const char *name, const QVariantList &arguments)
 {
     auto message = QDBusMessage::createMethodCall(QStringLiteral("org.example.CorvelKXLights"),
                                                   QStringLiteral("/org/example/CorvelKXLights"),
                                                   QStringLiteral("org.example.CorvelKXLights1"),
                                                   QLatin1String(name));
     message.setArguments(arguments);
-    return QDBusConnection::systemBus().call(message).arguments().value(0).toStringList();
+    return message;
+}
+
+QStringList order(const char *name, const QVariantList &arguments)
+{
+    const QDBusMessage answer = QDBusConnection::systemBus().call(orderMessage(name, arguments));
+    return answer.arguments().value(0).toStringList();
 }
 
 bool runUntil(const std::function<bool()> &done, int interval)
@@ -39,6 +46,24 @@ bool runUntil(const std::function<bool()> &done, int interval)
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
     }
     return true;
+}
+
+void require(bool isDone, const char *sentence)
+{
+    if (isDone)
+        return;
+    std::fflush(stdout);
+    std::fprintf(stderr, "%s: %s\n", qPrintable(QCoreApplication::applicationName()), sentence);
+    // The plugin may be stuck, and would not be let go.
+    std::_Exit(EXIT_FAILURE);
+}
+
+QStringList lightsHere()
+{
+    QStringList addresses = order("lights");
+    require(!addresses.isEmpty(),
+            "There are no virtual lights here; run it by corvelkx-lights -- COMMAND.");
+    return addresses;
 }
 
 void useOneArena()

@@ -38,8 +38,7 @@ struct Row
     QString unit;
     QString goal;
     Comparison comparison = Comparison::Ratio;
-    bool mustBeExact =
-            false; // the plugin's value is that of Qt Bluetooth alone, or nothing where none is
+    bool mustBeExact = false; // the plugin's values are those of Qt Bluetooth alone
 };
 
 struct Workload
@@ -246,7 +245,7 @@ public:
 
     void run();
     bool isExact() const { return m_isExact; }
-    void writeJson(const QString &fileName) const;
+    QByteArray json() const;
 
 private:
     using Results = QMap<Way, QMap<QString, Values>>;
@@ -375,19 +374,20 @@ void Bench::print(const Row &row, const Results &results)
     m_json.append(json);
 }
 
-void Bench::writeJson(const QString &fileName) const
+QByteArray Bench::json() const
 {
-    QFile file(fileName);
     const QJsonObject all { { u"date"_s, QDateTime::currentDateTime().toString(Qt::ISODate) },
                             { u"qt"_s, QLatin1String(qVersion()) },
                             { u"cores"_s, QThread::idealThreadCount() },
                             { u"rounds"_s, m_rounds },
                             { u"measures"_s, m_json } };
-    if (!file.open(QIODevice::WriteOnly) || file.write(QJsonDocument(all).toJson()) < 0) {
-        QTextStream(stderr) << "corvelkx-bench: " << fileName << ": " << file.errorString()
-                            << Qt::endl;
-        std::exit(EXIT_FAILURE);
-    }
+    return QJsonDocument(all).toJson();
+}
+
+int complain(const QString &sentence)
+{
+    QTextStream(stderr) << "corvelkx-bench: " << sentence << Qt::endl;
+    return EXIT_FAILURE;
 }
 
 } // namespace
@@ -408,17 +408,18 @@ int main(int argc, char *argv[])
     const bool isShort = parser.isSet(u"short"_s);
     bool isNumber = false;
     const int rounds = isShort ? 1 : parser.value(u"rounds"_s).toInt(&isNumber);
-    if (!isShort && (!isNumber || rounds < 1)) {
-        QTextStream(stderr) << "corvelkx-bench: --rounds takes a number." << Qt::endl;
-        return EXIT_FAILURE;
-    }
+    if (!isShort && (!isNumber || rounds < 1))
+        return complain(u"--rounds takes a number above 0."_s);
+    // Before the minutes that it takes, not after them.
+    QFile file(parser.value(u"json"_s));
+    if (parser.isSet(u"json"_s) && !file.open(QIODevice::WriteOnly))
+        return complain(file.fileName() + u": "_s + file.errorString());
+
     Bench bench(rounds, isShort);
     bench.run();
-    if (parser.isSet(u"json"_s))
-        bench.writeJson(parser.value(u"json"_s));
-    if (!bench.isExact()) {
-        QTextStream(stderr) << "corvelkx-bench: A count is not what it has to be." << Qt::endl;
-        return EXIT_FAILURE;
-    }
+    if (file.isOpen() && file.write(bench.json()) < 0)
+        return complain(file.fileName() + u": "_s + file.errorString());
+    if (!bench.isExact())
+        return complain(u"A count is not what it has to be."_s);
     return EXIT_SUCCESS;
 }

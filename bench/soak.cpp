@@ -23,7 +23,9 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <limits>
 #include <memory>
+#include <vector>
 
 namespace {
 
@@ -95,8 +97,8 @@ public:
     // \a patience is what the host has with one light.
     Soak(CorvelKXBleInterface *plugin, quint32 seed, std::chrono::seconds patience);
 
-    // Runs until so many cycles are done or the time is over; returns whether all went well.
-    bool run(int cycles, QDeadlineTimer deadline);
+    // Runs until so many cycles are done or the time is over; ends the program where it went wrong.
+    void run(int cycles, QDeadlineTimer deadline);
     int cycles() const { return m_cycles; }
     void printHead() const;
     Footprint printReport();
@@ -142,7 +144,7 @@ Soak::Soak(CorvelKXBleInterface *plugin, quint32 seed, std::chrono::seconds pati
     : m_plugin(plugin), m_random(seed), m_patience(patience)
 {
     m_elapsed.start();
-    const QStringList addresses = order("lights");
+    const QStringList addresses = lightsHere();
     for (const QString &address : addresses) {
         Peer &peer = m_lights[address];
         peer.limit = new QTimer(this);
@@ -307,7 +309,7 @@ void Soak::breakSurroundings()
     }
 }
 
-bool Soak::run(int cycles, QDeadlineTimer deadline)
+void Soak::run(int cycles, QDeadlineTimer deadline)
 {
     m_rescan.start();
     const int goal = m_cycles + cycles;
@@ -323,10 +325,8 @@ bool Soak::run(int cycles, QDeadlineTimer deadline)
                      .arg(m_disconnections)
                      .arg(disconnectionsToTell.load()));
     }
-    if (!m_failure.isEmpty())
-        std::fprintf(stderr, "corvelkx-soak: After %d cycles: %s.\n", m_cycles,
-                     qPrintable(m_failure));
-    return m_failure.isEmpty();
+    require(m_failure.isEmpty(),
+            qPrintable(QStringLiteral("After %1 cycles: %2.").arg(m_cycles).arg(m_failure)));
 }
 
 bool Soak::comeToRest()
@@ -371,7 +371,7 @@ void measureReconnection()
 {
     auto manager = std::make_unique<BLEManager>();
     manager->init();
-    const QString address = order("lights").constFirst();
+    const QString address = lightsHere().constFirst();
     bool isKnown = false;
     bool isReady = false;
     QObject::connect(manager.get(), &BLEManager::sigDeviceDiscovered, manager.get(),
@@ -382,15 +382,15 @@ void measureReconnection()
     QObject::connect(manager.get(), &BLEManager::sigDeviceDisconnected, manager.get(),
                      [&] { isGone = true; });
     manager->start();
-    runUntil([&] { return isKnown; });
+    require(runUntil([&] { return isKnown; }));
     manager->stop();
     const auto reconnect = [&](int times) {
         for (int i = 0; i < times; ++i) {
             isReady = isGone = false;
             manager->reconnectDevice(address);
-            runUntil([&] { return isReady; });
+            require(runUntil([&] { return isReady; }));
             order("drop", { address });
-            runUntil([&] { return isGone; });
+            require(runUntil([&] { return isGone; }));
         }
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     };
@@ -412,15 +412,13 @@ void measureReconnection()
 
 // The heap grows by the services that are kept, and by nothing else. Matches come and go with the
 // links that are being dropped: some for each light, but no more.
-bool isFlat(const Footprint &first, const Footprint &last, uint lights)
+void requireFlat(const Footprint &first, const Footprint &last, uint lights)
 {
     const qint64 bytes = last.heap - first.heap;
-    if (first.files == last.files && first.threads == last.threads
-        && last.matches <= first.matches + 2 * lights
-        && bytes <= qint64(mostOfAService) * (last.services - first.services))
-        return true;
-    std::fputs("corvelkx-soak: The heap, files, threads or matches grew.\n", stderr);
-    return false;
+    require(first.files == last.files && first.threads == last.threads
+                    && last.matches <= first.matches + 4 * lights
+                    && bytes <= qint64(mostOfAService) * (last.services - first.services),
+            "The heap, files, threads or matches grew.");
 }
 
 } // namespace
@@ -458,28 +456,26 @@ int main(int argc, char *argv[])
         measureReconnection();
         return EXIT_SUCCESS;
     }
+    const int patience = parser.value(QStringLiteral("patience")).toInt();
+    require(minutes.count() > 0 && cycles > 0 && patience > 0,
+            "--minutes, --cycles and --patience take numbers above 0.");
     std::printf("seed %u\n", seed);
     QPluginLoader loader(QStringLiteral(PLUGIN_FILE));
     std::unique_ptr<CorvelKXBleInterface> plugin(
             qobject_cast<CorvelKXBleInterface *>(loader.instance()));
-    if (!plugin) {
-        std::fprintf(stderr, "corvelkx-soak: %s\n", qPrintable(loader.errorString()));
-        return EXIT_FAILURE;
-    }
-    Soak soak(plugin.get(), seed,
-              std::chrono::seconds(parser.value(QStringLiteral("patience")).toInt()));
+    require(plugin != nullptr, qPrintable(loader.errorString()));
+    Soak soak(plugin.get(), seed, std::chrono::seconds(patience));
     soak.printHead();
     const QDeadlineTimer deadline(std::chrono::duration_cast<std::chrono::seconds>(minutes));
+    // Two reports at the least, for they are compared.
+    const int interval = std::clamp(cycles / 2, 1, reportInterval);
     std::vector<Footprint> reports;
     while (soak.cycles() < cycles && !deadline.hasExpired()) {
-        if (!soak.run(std::min(reportInterval, cycles - soak.cycles()), deadline))
-            return EXIT_FAILURE;
+        soak.run(std::min(interval, cycles - soak.cycles()), deadline);
         reports.push_back(soak.printReport());
     }
-    if (reports.empty())
-        return EXIT_FAILURE;
-    return isFlat(reports.front(), reports.back(), uint(order("lights").size())) ? EXIT_SUCCESS
-                                                                                 : EXIT_FAILURE;
+    requireFlat(reports.front(), reports.back(), uint(lightsHere().size()));
+    return EXIT_SUCCESS;
 }
 
 #include "soak.moc"

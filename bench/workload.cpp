@@ -9,7 +9,6 @@
 #include <QCoreApplication>
 #include <QDBusAbstractInterface>
 #include <QDBusConnection>
-#include <QDBusMessage>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QLoggingCategory>
@@ -94,12 +93,6 @@ private:
     Clock::time_point m_last = Clock::now();
     Clock::duration m_longest {};
 };
-
-void require(bool isDone)
-{
-    if (!isDone)
-        qFatal("Nothing moves any more.");
-}
 
 QJsonObject named(const char *name, double value)
 {
@@ -214,11 +207,9 @@ QJsonObject delay(Central *central, const QStringList &addresses, int count)
     central->received = [&](const QString &, const QByteArray &) {
         delays.push_back(Microseconds(Clock::now() - app->lastMessage()).count());
     };
-    auto message = QDBusMessage::createMethodCall(QStringLiteral("org.example.CorvelKXLights"),
-                                                  QStringLiteral("/org/example/CorvelKXLights"),
-                                                  QStringLiteral("org.example.CorvelKXLights1"),
-                                                  QStringLiteral("notify"));
-    message.setArguments({ addresses.constFirst(), QString::fromLatin1(QByteArray(40, '0')) });
+    const QDBusMessage message = orderMessage("notify",
+                                              { addresses.constFirst(),
+                                                QString::fromLatin1(QByteArray(40, '0')) });
     for (int i = 1; i <= count; ++i) {
         QDBusConnection::systemBus().send(message); // nobody waits for the answer
         require(runUntil([&] { return int(delays.size()) == i; }));
@@ -394,7 +385,7 @@ int main(int argc, char *argv[])
         central = words.at(0) == QLatin1String("bare") ? bareCentral()
                                                        : pluginCentral(QStringLiteral(PLUGIN_FILE));
     }
-    const QStringList addresses = workload->needsLights ? order("lights") : QStringList();
+    const QStringList addresses = workload->needsLights ? lightsHere() : QStringList();
     const QJsonObject result = workload->run(central.get(), addresses, words.value(2).toInt());
     std::puts(QJsonDocument(result).toJson(QJsonDocument::Compact).constData());
     return EXIT_SUCCESS;

@@ -26,11 +26,8 @@ private slots:
     void adapterErrorReconnectsAtOnce();
     void adapterPulled();
     void adapterSwitchedOff();
-    void connectFails_data();
-    void connectFails();
     void replacedController();
     void mainServiceError();
-    void refusedWrite();
     void vanishedServices();
     void authenticationServiceError();
     void reconnectOnRequest();
@@ -275,27 +272,6 @@ void TestLink::adapterSwitchedOff()
     QVERIFY(waitFor([this] { return m_connected->size() == 2; }));
 }
 
-void TestLink::connectFails_data()
-{
-    QTest::addColumn<QString>("connect");
-    QTest::addColumn<QString>("error");
-    QTest::newRow("refused") << u"refuse"_s << u"UnknownError"_s;
-    QTest::newRow("aborted") << u"abort"_s << u"ConnectionError"_s;
-}
-
-void TestLink::connectFails()
-{
-    QFETCH(QString, connect);
-    QFETCH(QString, error);
-    m_lights.set(secured, u"connect"_s, connect);
-    m_manager->connectToDevice(secured);
-    QVERIFY(waitFor([&] { return !m_log->linesWith(error).isEmpty(); }));
-    QCOMPARE(disconnections(), 0);
-    m_lights.set(secured, u"connect"_s, u"accept"_s);
-    m_manager->connectToDevice(secured);
-    QVERIFY(waitFor([this] { return m_connected->size() == 1; }));
-}
-
 void TestLink::replacedController()
 {
     attempt();
@@ -334,19 +310,6 @@ void TestLink::mainServiceError()
     m_log->take();
     emit(*main)->errorOccurred(QLowEnergyService::OperationError);
     QCOMPARE(m_log->take().constLast(), u"[BLEManager::doDeviceDisconnected] \"\""_s);
-}
-
-void TestLink::refusedWrite()
-{
-    connectLight();
-    m_lights.set(secured, u"writes"_s, u"refuse"_s);
-    m_manager->sendMessage(secured, "x");
-    QVERIFY(waitFor([this] { return !m_log->linesWith(u"CharacteristicWriteError"_s).isEmpty(); }));
-    QVERIFY(waitFor([this] { return !m_lights.isConnected(secured); }));
-    QCOMPARE(disconnections(), 0);
-    m_lights.set(secured, u"writes"_s, u"accept"_s);
-    QCOMPARE(m_manager->reconnectDevice(secured), true);
-    QVERIFY(waitFor([this] { return m_connected->size() == 2; }));
 }
 
 void TestLink::vanishedServices()
