@@ -358,7 +358,7 @@ void TestFaults::faultAtStep()
     m_plugin->start();
     QVERIFY(waitFor([this] { return m_isDone; }));
 
-    if (expected.isEmpty())
+    if (expected.isEmpty()) // a new row, for somebody to look at
         QTest::qWait(500);
     else
         waitFor([&] { return withRepeats(m_seen) == expectedSeen; });

@@ -59,7 +59,7 @@ void TestLink::init()
                                                   &BLEManager::sigDeviceDisconnected);
 }
 
-// A secured that is ready, with everything behind it that a connection sets off.
+// The secured light is ready, with everything behind it that a connection sets off.
 void TestLink::connectLight()
 {
     m_manager->connectToDevice(secured);
