@@ -1,6 +1,7 @@
 #include "Central.h"
 
 #include "CorvelKXBleInterface.h"
+#include "Support.h"
 
 #include <QPluginLoader>
 
@@ -29,8 +30,7 @@ private:
 PluginCentral::PluginCentral(const QString &fileName)
     : m_loader(fileName), m_plugin(qobject_cast<CorvelKXBleInterface *>(m_loader.instance()))
 {
-    if (!m_plugin)
-        qFatal("%s", qPrintable(m_loader.errorString()));
+    require(m_plugin != nullptr, qPrintable(m_loader.errorString()));
     connect(m_plugin, &CorvelKXBleInterface::sigDeviceDiscovered, this,
             [this](int, const QString &address) { found(address); });
     connect(m_plugin, &CorvelKXBleInterface::sigDeviceConnected, this,

@@ -315,7 +315,7 @@ void Soak::run(int cycles, QDeadlineTimer deadline)
     const int goal = m_cycles + cycles;
     while (m_cycles < goal && !deadline.hasExpired() && m_failure.isEmpty()) {
         const int before = m_cycles;
-        if (!runUntil([&] { return m_cycles > before || !m_failure.isEmpty(); }))
+        if (!waitFor([&] { return m_cycles > before || !m_failure.isEmpty(); }))
             fail(QStringLiteral("nothing moves any more"));
     }
     if (!comeToRest())
@@ -337,9 +337,9 @@ bool Soak::comeToRest()
     const auto addresses = m_lights.keys();
     for (const QString &address : addresses)
         startOver(address);
-    const bool isQuiet = runUntil([] { return order("connected").isEmpty(); }, lookInterval);
+    const bool isQuiet = waitFor([] { return order("connected").isEmpty(); }, lookInterval);
     // What was told last has yet to arrive.
-    runUntil([this] { return m_disconnections >= disconnectionsToTell; }, lookInterval);
+    waitFor([this] { return m_disconnections >= disconnectionsToTell; }, lookInterval);
     m_rescan.stop();
     m_isResting = false;
     return isQuiet;
@@ -382,15 +382,15 @@ void measureReconnection()
     QObject::connect(manager.get(), &BLEManager::sigDeviceDisconnected, manager.get(),
                      [&] { isGone = true; });
     manager->start();
-    require(runUntil([&] { return isKnown; }));
+    require(waitFor([&] { return isKnown; }));
     manager->stop();
     const auto reconnect = [&](int times) {
         for (int i = 0; i < times; ++i) {
             isReady = isGone = false;
             manager->reconnectDevice(address);
-            require(runUntil([&] { return isReady; }));
+            require(waitFor([&] { return isReady; }));
             order("drop", { address });
-            require(runUntil([&] { return isGone; }));
+            require(waitFor([&] { return isGone; }));
         }
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     };

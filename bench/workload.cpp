@@ -104,7 +104,7 @@ void find(Central *central, const QStringList &addresses)
     QSet<QString> missing(addresses.cbegin(), addresses.cend());
     central->found = [&missing](const QString &address) { missing.remove(address); };
     central->startScan();
-    require(runUntil([&missing] { return missing.isEmpty(); }));
+    require(waitFor([&missing] { return missing.isEmpty(); }));
     central->stopScan();
     central->found = [](const QString &) {};
 }
@@ -115,7 +115,7 @@ void connectAll(Central *central, const QStringList &addresses)
     central->ready = [&missing](const QString &address) { missing.remove(address); };
     for (const QString &address : addresses)
         central->connectTo(address);
-    require(runUntil([&missing] { return missing.isEmpty(); }));
+    require(waitFor([&missing] { return missing.isEmpty(); }));
     central->ready = [](const QString &) {};
 }
 
@@ -130,14 +130,14 @@ void bringUp(Central *central, const QStringList &addresses)
     };
     for (const QString &address : addresses)
         central->send(address, "hello");
-    require(runUntil([&missing] { return missing.isEmpty(); }));
+    require(waitFor([&missing] { return missing.isEmpty(); }));
 }
 
 QJsonObject calls(Central *central, const QStringList &addresses, int)
 {
     find(central, addresses);
     // The scan's own calls are not of interest, the last of them included.
-    require(runUntil(
+    require(waitFor(
             [] {
                 return order("report").constFirst().contains(QLatin1String("\"scanning\":false"));
             },
@@ -147,11 +147,11 @@ QJsonObject calls(Central *central, const QStringList &addresses, int)
     bool isAnswered = false;
     central->received = [&](const QString &, const QByteArray &) { isAnswered = true; };
     central->send(addresses.constFirst(), QByteArray(payloadSize, 'x'));
-    require(runUntil([&] { return isAnswered; }));
+    require(waitFor([&] { return isAnswered; }));
     bool isGone = false;
     central->gone = [&](const QString &) { isGone = true; };
     central->letGo(addresses.constFirst());
-    require(runUntil([&] { return isGone; }));
+    require(waitFor([&] { return isGone; }));
     double total = 0;
     const QStringList lines = order("calls");
     for (const QString &line : lines)
@@ -170,7 +170,7 @@ QJsonObject rate(Central *central, const QStringList &addresses, int count)
     };
     order("burst", { addresses.constFirst(), count, payloadSize, 0 });
     const double before = processorTime();
-    require(runUntil([&] { return received == count; }));
+    require(waitFor([&] { return received == count; }));
     const std::chrono::duration<double> elapsed = Clock::now() - begin;
     return { { QStringLiteral("perSecond"), count / elapsed.count() },
              { QStringLiteral("processor"), (processorTime() - before) / count } };
@@ -191,7 +191,7 @@ QJsonObject flood(Central *central, const QStringList &addresses, int seconds)
     };
     for (const QString &address : addresses)
         order("burst", { address, count, payloadSize, rateOfOne });
-    const bool areAllThere = runUntil([&] { return received == count * addresses.size(); });
+    const bool areAllThere = waitFor([&] { return received == count * addresses.size(); });
     return { { QStringLiteral("sent"), double(count) * double(addresses.size()) },
              { QStringLiteral("lost"),
                areAllThere ? 0 : double(count) * double(addresses.size()) - double(received) },
@@ -207,12 +207,12 @@ QJsonObject delay(Central *central, const QStringList &addresses, int count)
     central->received = [&](const QString &, const QByteArray &) {
         delays.push_back(Microseconds(Clock::now() - app->lastMessage()).count());
     };
-    const QDBusMessage message = orderMessage("notify",
-                                              { addresses.constFirst(),
-                                                QString::fromLatin1(QByteArray(40, '0')) });
+    const QDBusMessage message = Lights::message(QStringLiteral("notify"),
+                                                 { addresses.constFirst(),
+                                                   QString::fromLatin1(QByteArray(40, '0')) });
     for (int i = 1; i <= count; ++i) {
         QDBusConnection::systemBus().send(message); // nobody waits for the answer
-        require(runUntil([&] { return int(delays.size()) == i; }));
+        require(waitFor([&] { return int(delays.size()) == i; }));
     }
     return { { QStringLiteral("p50"), quantile(delays, 0.5) },
              { QStringLiteral("p99"), quantile(delays, 0.99) } };
@@ -229,14 +229,14 @@ QJsonObject writes(Central *central, const QStringList &addresses, int count)
         const auto begin = Clock::now();
         for (int i = 0; i < count; ++i)
             central->send(addresses.at(way), QByteArray(payloadSize, 'x'));
-        require(runUntil([&] { return answered == count; }));
+        require(waitFor([&] { return answered == count; }));
         const std::chrono::duration<double> elapsed = Clock::now() - begin;
         result.insert(QLatin1String(names[way]), count / elapsed.count());
     }
     return result;
 }
 
-QJsonObject road(Central *central, const QStringList &addresses, int)
+QJsonObject road(Central *central, const QStringList &, int)
 {
     bool isReady = false;
     bool isSeen = false;
@@ -249,8 +249,7 @@ QJsonObject road(Central *central, const QStringList &addresses, int)
     central->ready = [&](const QString &) { isReady = true; };
     const auto begin = Clock::now();
     central->startScan();
-    require(runUntil([&] { return isReady; }));
-    Q_UNUSED(addresses)
+    require(waitFor([&] { return isReady; }));
     return named("milliseconds", Milliseconds(Clock::now() - begin).count());
 }
 
@@ -261,7 +260,7 @@ QJsonObject crowd(Central *central, const QStringList &addresses, int)
     double idle = 0;
     {
         const Gap gap;
-        require(runUntil([&] { return Clock::now() > quiet; }, 1));
+        require(waitFor([&] { return Clock::now() > quiet; }, 1));
         idle = gap.milliseconds();
     }
     const Gap gap;

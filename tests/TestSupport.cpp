@@ -15,16 +15,19 @@ using Qt::StringLiterals::operator""_s;
 namespace {
 
 // Far more than anything takes, also under sanitizers on a busy machine.
-constexpr std::chrono::seconds waitLimit(60);
+constexpr std::chrono::minutes waitLimit(2);
 
 } // namespace
 
-bool waitFor(const std::function<bool()> &done)
+bool waitFor(const std::function<bool()> &done, int interval)
 {
     bool isTimeOver = false;
     QTimer limit;
     QObject::connect(&limit, &QTimer::timeout, &limit, [&isTimeOver] { isTimeOver = true; });
     limit.start(waitLimit);
+    QTimer tick;
+    if (interval > 0)
+        tick.start(interval);
     while (!done()) {
         if (isTimeOver)
             return false;
@@ -104,13 +107,18 @@ Lights::Lights()
                                          u"PropertiesChanged"_s, this, SLOT(onPropertiesChanged()));
 }
 
-QDBusMessage Lights::ask(const QString &name, const QVariantList &arguments)
+QDBusMessage Lights::message(const QString &name, const QVariantList &arguments)
 {
     auto message = QDBusMessage::createMethodCall(u"org.example.CorvelKXLights"_s,
                                                   u"/org/example/CorvelKXLights"_s,
                                                   u"org.example.CorvelKXLights1"_s, name);
     message.setArguments(arguments);
-    return QDBusConnection::systemBus().call(message);
+    return message;
+}
+
+QDBusMessage Lights::ask(const QString &name, const QVariantList &arguments)
+{
+    return QDBusConnection::systemBus().call(message(name, arguments));
 }
 
 QStringList Lights::order(const QString &name, const QVariantList &arguments)

@@ -10,10 +10,11 @@
 #include <functional>
 
 /*!
-    Runs the event loop until \a done holds, and returns whether it did in time. It is asked after
-    each round of events, so that nothing is waited for longer than it takes.
+    Runs the event loop, which blocks between events, until \a done holds; returns whether it did in
+    time. It is asked after each round of events, so that nothing is waited for longer than it
+   takes, and every \a interval milliseconds where what it asks tells nobody of a change.
 */
-bool waitFor(const std::function<bool()> &done);
+bool waitFor(const std::function<bool()> &done, int interval = 0);
 
 /*! The seed in CORVELKX_SEED, or one of its own; it is printed, so that a run can be had again. */
 quint32 randomSeed();
@@ -52,6 +53,8 @@ class Lights : public QObject
 public:
     Lights();
 
+    /*! The message that gives an order. */
+    static QDBusMessage message(const QString &name, const QVariantList &arguments = {});
     /*! Gives an order and returns the answer, on any thread. */
     static QDBusMessage ask(const QString &name, const QVariantList &arguments = {});
     /*! Gives an order and returns the lines of the answer; a refused order fails the test. */

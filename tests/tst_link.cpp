@@ -24,7 +24,6 @@ private slots:
     void bindingEndsTheEpisode();
     void otherErrorEndsTheEpisode();
     void adapterErrorReconnectsAtOnce();
-    void adapterPulled();
     void adapterSwitchedOff();
     void replacedController();
     void mainServiceError();
@@ -78,7 +77,7 @@ void TestLink::attempt()
     m_log->take();
 }
 
-// Lets go what was released, and waits until nothing of it is under way any more.
+// Deletes what was released to be deleted later.
 void TestLink::settle()
 {
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
@@ -135,7 +134,7 @@ void TestLink::errorArms()
         QVERIFY(m_lights.isConnected(secured));
         m_lights.order(u"drop"_s, { QString(secured) });
     }
-    // The disconnection that the error, or the secured, brings about decides.
+    // The disconnection that the error, or the light, brings about decides.
     QVERIFY(waitFor([this] { return disconnections() == 1; }));
     QCOMPARE(attempts(),
              arms ? QStringList({ u"[BLEManager::doDeviceDisconnected], auto reconnect num:  1"_s })
@@ -231,26 +230,6 @@ void TestLink::adapterErrorReconnectsAtOnce()
     settle();
     QVERIFY(!failed);
     QCOMPARE(controllers().size(), 1);
-}
-
-void TestLink::adapterPulled()
-{
-    connectLight();
-    m_lights.order(u"adapter"_s, { u"remove"_s });
-    QVERIFY(waitFor([this] { return disconnections() == 1; }));
-    QVERIFY(attempts().isEmpty());
-
-    // Nothing to connect with: the failures nest, and end.
-    m_manager->connectToDevice(secured);
-    QCOMPARE(disconnections(), 5);
-    QCOMPARE(attempts().size(), 3);
-    settle();
-    QVERIFY(controllers().isEmpty());
-
-    m_lights.order(u"adapter"_s, { u"return"_s });
-    findLights();
-    m_manager->connectToDevice(secured);
-    QVERIFY(waitFor([this] { return m_connected->size() == 2; }));
 }
 
 void TestLink::adapterSwitchedOff()

@@ -8,7 +8,6 @@
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QTest>
-#include <QTimer>
 
 #include <csignal>
 
@@ -26,6 +25,7 @@ struct Result
 const char hostFile[] = HOST_FILE;
 const char lightsFile[] = LIGHTS_FILE;
 constexpr int limit = 60000;
+constexpr int lookInterval = 10; // ms, for a killed program tells nobody
 
 Result run(const QString &program, const QStringList &words, const QByteArray &input = {},
            const QStringList &environment = {})
@@ -487,9 +487,7 @@ void TestPrograms::lightsLeaveNothingBehind()
             return !QFile::exists(socket) && !QFile::exists(QFileInfo(socket).path())
                    && !isAlive(words.at(1)) && !isAlive(words.at(2));
         };
-        QTimer look; // for a killed program tells nobody
-        look.start(10);
-        QVERIFY(waitFor(isGone));
+        QVERIFY(waitFor(isGone, lookInterval));
     }
 }
 
@@ -512,11 +510,11 @@ void TestPrograms::killedHostLeavesNothingBehind()
         QVERIFY(said.contains(moment));
         process.kill();
         QVERIFY(process.waitForFinished(limit));
-        QTimer look;
-        look.start(10);
-        QVERIFY(waitFor([&] {
-            return QDir(directory.path()).isEmpty() && !isNamedByAProcess(directory.path());
-        }));
+        QVERIFY(waitFor(
+                [&] {
+                    return QDir(directory.path()).isEmpty() && !isNamedByAProcess(directory.path());
+                },
+                lookInterval));
     }
 }
 
