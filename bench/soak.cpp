@@ -1,6 +1,5 @@
 // Brings lights up and down at random, breaks them at random, and tells what that leaves behind.
 // Runs among virtual lights of its own choice: corvelkx-lights --crowd 12 -- corvelkx-soak
-#include "BLEManager.h"
 #include "CorvelKXBleInterface.h"
 #include "Support.h"
 
@@ -33,9 +32,7 @@ using namespace std::chrono_literals;
 
 constexpr int lookInterval = 20; // ms, for what tells nobody of a change
 constexpr int reportInterval = 1000;
-constexpr int mostOfAService = 12000; // bytes; what one is, --kept tells
-constexpr int warmUp = 50;
-constexpr int reconnects = 2000;
+constexpr int mostOfAService = 12000; // bytes; scripts/bench measures one
 
 // What the log tells, on whatever thread.
 std::atomic_int servicesMade = 0;
@@ -366,54 +363,6 @@ Footprint Soak::printReport()
 
 namespace {
 
-// What each reconnection leaves on purpose: the service objects, which live as long as the manager.
-void measureReconnection()
-{
-    auto manager = std::make_unique<BLEManager>();
-    manager->init();
-    const QString address = lightsHere().constFirst();
-    bool isKnown = false;
-    bool isReady = false;
-    QObject::connect(manager.get(), &BLEManager::sigDeviceDiscovered, manager.get(),
-                     [&](int, const QString &found) { isKnown = isKnown || found == address; });
-    QObject::connect(manager.get(), &BLEManager::sigDeviceConnected, manager.get(),
-                     [&] { isReady = true; });
-    bool isGone = false;
-    QObject::connect(manager.get(), &BLEManager::sigDeviceDisconnected, manager.get(),
-                     [&] { isGone = true; });
-    manager->start();
-    require(waitFor([&] { return isKnown; }));
-    manager->stop();
-    const auto reconnect = [&](int times) {
-        for (int i = 0; i < times; ++i) {
-            isReady = isGone = false;
-            manager->reconnectDevice(address);
-            require(waitFor([&] { return isReady; }));
-            order("drop", { address });
-            require(waitFor([&] { return isGone; }));
-        }
-        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-    };
-    reconnect(warmUp);
-    qDeleteAll(manager->findChildren<QLowEnergyService *>());
-    const qint64 before = heapSize();
-    reconnect(reconnects);
-    const qint64 after = heapSize();
-    if (after == 0) {
-        std::puts("A sanitizer has a heap of its own: what a reconnection keeps is not told here.");
-        return;
-    }
-    const auto services = manager->findChildren<QLowEnergyService *>();
-    qDeleteAll(services);
-    std::printf("One reconnection keeps %lld bytes: %.2f service objects of %lld bytes, and %lld "
-                "bytes more.\n",
-                static_cast<long long>((after - before) / reconnects),
-                double(services.size()) / reconnects,
-                static_cast<long long>((after - heapSize())
-                                       / std::max<qsizetype>(services.size(), 1)),
-                static_cast<long long>((heapSize() - before) / reconnects));
-}
-
 // The heap grows by the services that are kept, and by nothing else. Matches come and go with the
 // links that are being dropped: some for each light, but no more.
 void requireFlat(const Footprint &first, const Footprint &last, uint lights)
@@ -444,8 +393,6 @@ int main(int argc, char *argv[])
             { QStringLiteral("patience"),
               QStringLiteral("Give a light up after so many seconds (1); more for a slow build."),
               QStringLiteral("seconds"), QStringLiteral("1") },
-            { QStringLiteral("kept"),
-              QStringLiteral("Only measure what one reconnection keeps by design.") },
             { QStringLiteral("seed"), QStringLiteral("Do as it was done with this seed."),
               QStringLiteral("seed"),
               QString::number(QRandomGenerator::global()->bounded(1000000)) },
@@ -456,10 +403,6 @@ int main(int argc, char *argv[])
     const int cycles = parser.value(QStringLiteral("cycles")).toInt();
     const quint32 seed = parser.value(QStringLiteral("seed")).toUInt();
     qInstallMessageHandler(readLog);
-    if (parser.isSet(QStringLiteral("kept"))) {
-        measureReconnection();
-        return EXIT_SUCCESS;
-    }
     const int patience = parser.value(QStringLiteral("patience")).toInt();
     require(minutes.count() > 0 && cycles > 0 && patience > 0,
             "--minutes, --cycles and --patience take numbers above 0.");

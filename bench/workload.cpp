@@ -1,5 +1,4 @@
-// One thing to measure, done once in one of three ways; prints a JSON object. corvelkx-bench runs
-// it.
+// One thing to measure, done once in one of three ways; prints a JSON object. bench.py runs it.
 #include "BLEManager.h"
 #include "Central.h"
 #include "Support.h"
@@ -236,7 +235,7 @@ QJsonObject writes(Central *central, const QStringList &addresses, int count)
     return result;
 }
 
-QJsonObject road(Central *central, const QStringList &, int)
+QJsonObject ready(Central *central, const QStringList &, int)
 {
     bool isReady = false;
     bool isSeen = false;
@@ -317,6 +316,49 @@ QJsonObject knownBytes(Central *, const QStringList &, int count)
     return named("bytes", double(heapSize() - before) / count);
 }
 
+// What each reconnection leaves on purpose: the service objects, which live as long as the manager.
+QJsonObject kept(Central *, const QStringList &addresses, int count)
+{
+    BLEManager manager;
+    manager.init();
+    bool isKnown = false;
+    bool isReady = false;
+    bool isGone = false;
+    QObject::connect(&manager, &BLEManager::sigDeviceDiscovered, &manager, [&] { isKnown = true; });
+    QObject::connect(&manager, &BLEManager::sigDeviceConnected, &manager, [&] { isReady = true; });
+    QObject::connect(&manager, &BLEManager::sigDeviceDisconnected, &manager,
+                     [&] { isGone = true; });
+    manager.start();
+    require(waitFor([&] { return isKnown; }));
+    manager.stop();
+    const auto reconnect = [&](int times) {
+        for (int i = 0; i < times; ++i) {
+            isReady = isGone = false;
+            manager.reconnectDevice(addresses.constFirst());
+            require(waitFor([&] { return isReady; }));
+            order("drop", { addresses.constFirst() });
+            require(waitFor([&] { return isGone; }));
+        }
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    };
+    reconnect(50); // what all share
+    qDeleteAll(manager.findChildren<QLowEnergyService *>());
+    const qint64 before = heapSize();
+    reconnect(count);
+    const qint64 after = heapSize();
+    const auto services = manager.findChildren<QLowEnergyService *>();
+    qDeleteAll(services);
+    return { { QStringLiteral("bytes"), double(after - before) / count },
+             { QStringLiteral("services"), double(services.size()) / count },
+             { QStringLiteral("serviceBytes"),
+               double(after - heapSize()) / double(services.size()) } };
+}
+
+QJsonObject version(Central *, const QStringList &, int)
+{
+    return { { QStringLiteral("qt"), QLatin1String(qVersion()) } };
+}
+
 QJsonObject load(Central *, const QStringList &, int)
 {
     QPluginLoader loader(QStringLiteral(PLUGIN_FILE));
@@ -335,6 +377,7 @@ struct Workload
     const char *name = nullptr;
     QJsonObject (*run)(Central *central, const QStringList &addresses, int count) = nullptr;
     bool needsLights = true;
+    bool needsCentral = true;
 };
 
 constexpr Workload workloads[] = {
@@ -343,12 +386,14 @@ constexpr Workload workloads[] = {
     { "flood", flood },
     { "delay", delay },
     { "writes", writes },
-    { "road", road },
+    { "ready", ready },
     { "crowd", crowd },
     { "connectedBytes", connectedBytes },
-    { "recognition", recognition, false },
-    { "knownBytes", knownBytes, false },
-    { "load", load, false },
+    { "kept", kept, true, false },
+    { "recognition", recognition, false, false },
+    { "knownBytes", knownBytes, false, false },
+    { "load", load, false, false },
+    { "version", version, false, false },
 };
 
 } // namespace
@@ -380,7 +425,7 @@ int main(int argc, char *argv[])
             std::fprintf(stderr, "corvelkx-workload: %s\n", qPrintable(line));
     });
     std::unique_ptr<Central> central;
-    if (workload->needsLights) {
+    if (workload->needsCentral) {
         central = words.at(0) == QLatin1String("bare") ? bareCentral()
                                                        : pluginCentral(QStringLiteral(PLUGIN_FILE));
     }

@@ -1,38 +1,14 @@
 #include "AdvertisementCheck.h"
 
-#include "Recognition.h"
-
 #include <QCoreApplication>
 #include <QRegularExpression>
 
 #include <algorithm>
-#include <iterator>
 #include <utility>
 
 using Qt::StringLiterals::operator""_s;
 
 namespace {
-
-// The manager's tables are nobody's but its own; a template's explicit instantiation may name them.
-template<typename Table, auto Member>
-struct Opened
-{
-    friend auto tableOf(Table) { return Member; }
-};
-struct DeviceInfos
-{
-    friend auto tableOf(DeviceInfos);
-};
-struct ProtocolTypes
-{
-    friend auto tableOf(ProtocolTypes);
-};
-template struct Opened<DeviceInfos, &BLEManager::m_deviceInfoMap>;
-template struct Opened<ProtocolTypes, &BLEManager::m_devProtocolTypeHash>;
-
-// What comes before the values below, so that bytes without a plan reach the far corners too.
-constexpr const char *beginnings[] = { "",         "\x3C\x01", "\x3C\x01", "\x3C\x03",
-                                       "\x3C\x03", "\x3C\x05", "\x3C",     "\x3C\x02" };
 
 class Bytes
 {
@@ -53,27 +29,18 @@ private:
 
 QBluetoothDeviceInfo deviceFrom(Bytes &bytes)
 {
+    // Random bytes alone would rarely begin as a light's do.
+    static const QList<QByteArray> beginnings { "",         "\x3C",     "\x3C\x02", "\x3C\x01",
+                                                "\x3C\x01", "\x3C\x03", "\x3C\x03", "\x3C\x05" };
     const int shape = bytes.next();
     quint64 address = 0;
-    if (shape & 1) {
-        const QByteArray given = bytes.take(6);
-        for (const char byte : given)
-            address = address << 8 | static_cast<uchar>(byte);
-    }
-    const QByteArray nameBytes = bytes.take(bytes.next());
-    QString name;
-    switch (shape & 6) {
-    case 2:
-        name = QString::fromLatin1(nameBytes);
-        break;
-    case 4:
-        name = QString::fromUtf8(nameBytes);
-        break;
-    case 6: // lone halves of pairs among them
-        for (qsizetype i = 1; i < nameBytes.size(); i += 2)
-            name += QChar(uchar(nameBytes.at(i - 1)), uchar(nameBytes.at(i)));
-        break;
-    }
+    if (shape & 1)
+        address = bytes.take(6).toHex().toULongLong(nullptr, 16);
+    const QByteArray nameBytes = bytes.take(bytes.next() & ~1);
+    QString name = shape & 2 ? QString::fromUtf8(nameBytes) : QString();
+    if (shape & 4) // lone halves of surrogate pairs among them
+        name = QString(reinterpret_cast<const QChar *>(nameBytes.constData()),
+                       nameBytes.size() / 2);
     if (shape & 8)
         name.prepend(u"Corvel light"_s);
 
@@ -81,12 +48,10 @@ QBluetoothDeviceInfo deviceFrom(Bytes &bytes)
     for (int i = 0; i < shape >> 6; ++i) {
         const int kind = bytes.next();
         device.setManufacturerData(static_cast<quint16>(kind >> 3),
-                                   beginnings[kind & 7] + bytes.take(bytes.next() & 31));
+                                   beginnings.at(kind & 7) + bytes.take(bytes.next() & 31));
     }
     return device;
 }
-
-constexpr int types[] = { -1, 1, 2, 3, 5, 6, 7, 162, 163, 1001 };
 
 } // namespace
 
@@ -94,7 +59,7 @@ AdvertisementCheck::AdvertisementCheck()
 {
     QObject::connect(&m_manager, &BLEManager::sigDeviceDiscovered, &m_manager,
                      [this](int type, const QString &address, const QString &name) {
-                         m_announced.append({ type, address, name });
+                         m_sightings.append({ type, address, name });
                      });
 }
 
@@ -104,12 +69,9 @@ QString AdvertisementCheck::run(const QByteArray &bytes)
     QString wrong = receive(deviceFrom(rest));
     if (wrong.isEmpty())
         wrong = receive(deviceFrom(rest));
-    const auto known = m_firstTypes.keys();
-    for (const QString &address : known)
-        m_manager.removeDevice(address);
-    m_firstTypes.clear();
-    if (wrong.isEmpty())
-        wrong = compareTables();
+    for (const Sighting &sighting : std::as_const(m_sightings))
+        m_manager.removeDevice(sighting.address);
+    m_sightings.clear();
     m_log.take();
     QCoreApplication::sendPostedEvents();
     return wrong;
@@ -117,64 +79,32 @@ QString AdvertisementCheck::run(const QByteArray &bytes)
 
 QString AdvertisementCheck::receive(const QBluetoothDeviceInfo &device)
 {
-    m_announced.clear();
+    const auto before = m_sightings.size();
     QMetaObject::invokeMethod(&m_manager, "slotDeviceDiscovered", Qt::DirectConnection,
                               Q_ARG(QBluetoothDeviceInfo, device));
+    const auto count = m_sightings.size() - before;
+    // Whatever a name contains, the log keeps its lines, and moves no cursor.
+    const QString log = m_log.take().join(u'\n');
+    const auto lines = log.count(u'\n') + 1;
+    if (count == 0 ? lines != 2 && lines != 5 : count > 1 || lines != 4)
+        return u"%1 sightings and %2 lines in the log"_s.arg(count).arg(lines);
+    if (std::any_of(log.cbegin(), log.cend(),
+                    [](QChar c) { return c != u'\n' && c.category() == QChar::Other_Control; }))
+        return u"control characters in the log"_s;
+    if (count == 0)
+        return {};
 
-    const QList<QByteArray> values = device.manufacturerData().values();
-    const int type = Recognition::protocolType(values);
-    if (std::find(std::begin(types), std::end(types), type) == std::end(types))
+    const auto &[type, address, name] = m_sightings.constLast();
+    const QList<int> types { 1, 2, 3, 5, 6, 7, 162, 163, 1001 };
+    if (!types.contains(type))
         return u"type %1"_s.arg(type);
-    const QString derived = Recognition::derivedAddress(values, type);
     static const QRegularExpression pairs(u"\\A[0-9A-F]{2}(:[0-9A-F]{2}){5}\\z"_s);
-    if (!pairs.match(derived).hasMatch())
-        return u"derived address %1"_s.arg(derived);
-    const QString address = device.address().isNull() ? derived : device.address().toString();
-    const bool isSupported = type != -1;
-    const bool isAnnounced = isSupported && address != Recognition::hiddenAddress;
-    if (m_announced.size() != (isAnnounced ? 1 : 0))
-        return u"announced %1 times"_s.arg(m_announced.size());
-    QString wrong = compareLog(isSupported);
-    if (!isAnnounced || !wrong.isEmpty())
-        return wrong;
-
-    const auto &[toldType, toldAddress, toldName] = m_announced.constFirst();
-    if (toldType != type || toldAddress != address)
-        return u"announced as %1 %2"_s.arg(toldType).arg(toldAddress);
-    const QString suffix = address.mid(12, 2) + address.mid(15, 2);
-    const QString made = (type == 1001 ? u"Corvel J7300(%1)"_s : u"Corvel light(%1)"_s).arg(suffix);
-    const bool keepsName = type != 1001 && device.name().startsWith(u"Corvel light"_s);
-    if (toldName != (keepsName ? device.name() : made))
-        return u"name \"%1\" became \"%2\""_s.arg(device.name(), toldName);
-    if (!m_firstTypes.contains(address))
-        m_firstTypes.insert(address, type);
-    return compareTables();
-}
-
-QString AdvertisementCheck::compareTables() const
-{
-    const auto &infos = m_manager.*tableOf(DeviceInfos());
-    const auto &protocolTypes = m_manager.*tableOf(ProtocolTypes());
-    if (infos.size() != m_firstTypes.size() || protocolTypes.size() != m_firstTypes.size())
-        return u"the tables know more lights, or fewer"_s;
-    for (auto light = m_firstTypes.cbegin(); light != m_firstTypes.cend(); ++light) {
-        if (!infos.contains(light.key()) || protocolTypes.value(light.key()) != *light)
-            return u"%1 is not remembered as it was announced"_s.arg(light.key());
-    }
-    return {};
-}
-
-// Whatever a name contains, the log keeps its lines, and moves no cursor.
-QString AdvertisementCheck::compareLog(bool isSupported)
-{
-    const QStringList lines = m_log.take();
-    const int expected = isSupported ? (m_announced.isEmpty() ? 5 : 4) : 2;
-    if (lines.size() != expected)
-        return u"%1 lines in the log"_s.arg(lines.size());
-    for (const QString &line : lines) {
-        if (std::any_of(line.cbegin(), line.cend(),
-                        [](QChar c) { return c.category() == QChar::Other_Control; }))
-            return u"control characters in the log"_s;
-    }
-    return {};
+    if (!pairs.match(address).hasMatch() || QBluetoothAddress(address).isNull()
+        || (!device.address().isNull() && address != device.address().toString()))
+        return u"address %1"_s.arg(address);
+    QString expected = device.name();
+    if (type == 1001 || !expected.startsWith(u"Corvel light"_s))
+        expected = (type == 1001 ? u"Corvel J7300(%1%2)"_s : u"Corvel light(%1%2)"_s)
+                           .arg(address.mid(12, 2), address.mid(15, 2));
+    return name == expected ? QString() : u"name \"%1\" became \"%2\""_s.arg(device.name(), name);
 }

@@ -8,7 +8,7 @@
 
 /*!
     Hands the manager whatever bytes from nearby can make up, and says what it did wrong. For a
-   fuzzer and for random bytes; needs a QCoreApplication.
+    fuzzer and for random bytes; needs a QCoreApplication.
 */
 class AdvertisementCheck
 {
@@ -20,7 +20,7 @@ public:
     QString run(const QByteArray &bytes);
 
 private:
-    struct Announcement
+    struct Sighting
     {
         int type;
         QString address;
@@ -28,11 +28,8 @@ private:
     };
 
     QString receive(const QBluetoothDeviceInfo &device);
-    QString compareTables() const;
-    QString compareLog(bool isSupported);
 
     LogRecorder m_log;
     BLEManager m_manager;
-    QList<Announcement> m_announced;
-    QMap<QString, int> m_firstTypes;
+    QList<Sighting> m_sightings;
 };

@@ -3,11 +3,13 @@
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QEvent>
+#include <QFile>
 #include <QRandomGenerator>
 #include <QTest>
 #include <QTimer>
 
 #include <chrono>
+#include <cstdio>
 #include <utility>
 
 using Qt::StringLiterals::operator""_s;
@@ -19,15 +21,15 @@ constexpr std::chrono::minutes waitLimit(2);
 
 } // namespace
 
-bool waitFor(const std::function<bool()> &done, int interval)
+bool waitFor(const std::function<bool()> &done, int pollInterval)
 {
     bool isTimeOver = false;
     QTimer limit;
     QObject::connect(&limit, &QTimer::timeout, &limit, [&isTimeOver] { isTimeOver = true; });
     limit.start(waitLimit);
     QTimer tick;
-    if (interval > 0)
-        tick.start(interval);
+    if (pollInterval > 0)
+        tick.start(pollInterval);
     while (!done()) {
         if (isTimeOver)
             return false;
@@ -43,6 +45,16 @@ quint32 randomSeed()
     const quint32 seed = isGiven ? quint32(given) : QRandomGenerator::global()->bounded(1000000U);
     qInfo().noquote() << QLatin1String("CORVELKX_SEED=") + QString::number(seed);
     return seed;
+}
+
+void compareTrace(const QStringList &lines, const QString &name)
+{
+    QFile file(QStringLiteral(TRACE_DIR "/") + name);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    const QStringList expected = QString::fromUtf8(file.readAll()).split(u'\n', Qt::SkipEmptyParts);
+    if (lines != expected) // what to look at, or the file's new content
+        std::fputs(qPrintable(lines.join(u'\n') + u'\n'), stderr);
+    QCOMPARE(lines, expected);
 }
 
 std::atomic<LogRecorder *> LogRecorder::s_instance = nullptr;
@@ -81,11 +93,6 @@ QStringList LogRecorder::lines() const
 {
     const QMutexLocker locker(&m_mutex);
     return m_lines;
-}
-
-QStringList LogRecorder::linesWith(const QString &text) const
-{
-    return lines().filter(text);
 }
 
 QStringList LogRecorder::take()
@@ -139,13 +146,18 @@ void Lights::restore()
 {
     order(u"adapter"_s, { u"return"_s });
     order(u"adapter"_s, { u"on"_s });
-    QVERIFY(waitFor([this] { return order(u"connected"_s).isEmpty(); }));
+    QVERIFY(waitUntilFree());
     order(u"reset"_s);
 }
 
 bool Lights::isConnected(const QString &address)
 {
     return order(u"connected"_s).contains(address);
+}
+
+bool Lights::waitUntilFree()
+{
+    return waitFor([this] { return order(u"connected"_s).isEmpty(); });
 }
 
 QStringList Lights::payloads(const QString &address)

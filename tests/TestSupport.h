@@ -11,13 +11,16 @@
 
 /*!
     Runs the event loop, which blocks between events, until \a done holds; returns whether it did in
-    time. It is asked after each round of events, so that nothing is waited for longer than it
-   takes, and every \a interval milliseconds where what it asks tells nobody of a change.
+    time. It is asked after each round of events, and every \a pollInterval milliseconds where what
+    it asks about sends no event here.
 */
-bool waitFor(const std::function<bool()> &done, int interval = 0);
+bool waitFor(const std::function<bool()> &done, int pollInterval = 0);
 
-/*! The seed in CORVELKX_SEED, or one of its own; it is printed, so that a run can be had again. */
+/*! The seed in CORVELKX_SEED, or a random one; it is printed, so that a run can be repeated. */
 quint32 randomSeed();
+
+/*! Fails the test unless \a lines are those of the file \a name in this directory. */
+void compareTrace(const QStringList &lines, const QString &name);
 
 /*! Records what is logged in the default category, on any thread, as long as it lives. */
 class LogRecorder
@@ -29,7 +32,7 @@ public:
 
     QStringList lines() const;
     /*! The lines that contain \a text. */
-    QStringList linesWith(const QString &text) const;
+    QStringList linesWith(const QString &text) const { return lines().filter(text); }
     /*! The lines so far, which are forgotten. */
     QStringList take();
     /*! Has \a hook called for each line from now on, on the thread that logs it. */
@@ -60,9 +63,11 @@ public:
     /*! Gives an order and returns the lines of the answer; a refused order fails the test. */
     QStringList order(const QString &name, const QVariantList &arguments = {});
     void set(const QString &address, const QString &key, const QString &value);
-    /*! Waits until no light is connected, and makes all as it was at first. */
-    void restore();
     bool isConnected(const QString &address);
+    /*! Waits until no light is connected. */
+    bool waitUntilFree();
+    /*! The same, and makes all as it was at first. */
+    void restore();
     /*! "mode bytes" of each payload that the light was written, characteristics left out. */
     QStringList payloads(const QString &address);
 

@@ -1,0 +1,15 @@
+#!/bin/bash
+# transcript.sh FILE: runs each line of FILE that begins with "$ ", in a directory of its own, and compares
+# what is printed with what stands below it. "[N]" tells of an exit status other than 0.
+file=$(realpath "$1")
+directory=$(mktemp -d)
+trap 'rm -rf "$directory"' EXIT
+cd "$directory" || exit
+while IFS= read -r line; do
+    case $line in
+    "$ "*)
+        printf '%s\n' "$line"
+        eval "${line#??}" </dev/null 2>&1 || echo "[$?]"
+        ;;
+    esac
+done <"$file" | diff -u "$file" -
