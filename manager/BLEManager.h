@@ -55,7 +55,7 @@ public:
 
     /*!
         Connects to the recognised light \a macAddr with a new controller; one that it already has
-       is released. sigDeviceConnected() follows once the light is bound. An unknown address is only
+        is released. sigDeviceConnected() follows once the light is bound. An unknown address is only
         logged.
     */
     Q_INVOKABLE void connectToDevice(const QString &macAddr);
@@ -68,8 +68,8 @@ public:
 
     /*!
         Writes \a data, of any length and unchanged, to the bound characteristic of \a macAddr.
-       Emits nothing and does not wait; silent where the light is unknown, not yet bound or cannot
-       be written.
+        Emits nothing and does not wait; silent where the light is unknown, not yet bound or cannot
+        be written.
     */
     Q_INVOKABLE void sendMessage(const QString &macAddr, const QByteArray &data);
 
@@ -128,7 +128,9 @@ private:
     void doDeviceDisconnected(const QString &macAddr, bool notify);
     void checkAndSendAuthMsg(const QString &macAddr);
 
-    QString senderAddress() const;
+    QLowEnergyService *openService(QLowEnergyController *controller, const QBluetoothUuid &gatt,
+                                   const QString &macAddr,
+                                   QMap<QString, QLowEnergyService *> *services);
     void discoverMainService(QLowEnergyController *controller, const QBluetoothUuid &gatt,
                              const QString &uuidText);
     void discoverAuthService(QLowEnergyController *controller, const QBluetoothUuid &gatt,
@@ -136,9 +138,13 @@ private:
     void bindAuthService(QLowEnergyService *service);
     void bindAuthCharacteristic(QLowEnergyService *service, const QString &macAddr,
                                 const QString &devName);
+    enum class Bound { Nothing, Write, Notify };
     void bindMainService(QLowEnergyService *service);
     void bindMainCharacteristics(QLowEnergyService *service, const QString &macAddr,
                                  const QString &devName);
+    Bound bindMainCharacteristic(QLowEnergyService *service,
+                                 const QLowEnergyCharacteristic &characteristic,
+                                 const QString &macAddr, const QString &devName);
 
     QBluetoothDeviceDiscoveryAgent *m_discoveryAgent = nullptr;
     QMap<QString, QBluetoothDeviceInfo> m_deviceInfoMap;

@@ -1,11 +1,18 @@
 #include "BLEManager.h"
 
-#include "AddressLookup.h"
 #include "DefaultLog.h"
+
+#include <QThread>
 
 namespace {
 
 constexpr int maximumReconnects = 3;
+
+// Each step of a connection waits for the Bluetooth service, and the thread has a second to end.
+bool isThreadEnding()
+{
+    return QThread::currentThread()->isInterruptionRequested();
+}
 
 } // namespace
 
@@ -17,6 +24,8 @@ void BLEManager::connectToDevice(const QString &macAddr)
                                        .arg(macAddr);
         return;
     }
+    if (isThreadEnding())
+        return;
     const QBluetoothDeviceInfo info = m_deviceInfoMap.value(macAddr);
     if (QLowEnergyController *replaced = m_controllerMap.take(macAddr))
         replaced->deleteLater();
@@ -58,18 +67,13 @@ void BLEManager::slotDeviceConnected()
         qCDebug(defaultLog) << "[BLEManager::slotDeviceConnected] nullptr == controller";
         return;
     }
-    controller->discoverServices();
-}
-
-QString BLEManager::senderAddress() const
-{
-    const auto *controller = qobject_cast<QLowEnergyController *>(sender());
-    return addressOf(m_controllerMap, controller).value_or(QString());
+    if (!isThreadEnding())
+        controller->discoverServices();
 }
 
 void BLEManager::slotDeviceDisconnected()
 {
-    const QString macAddr = senderAddress();
+    const QString macAddr = m_controllerMap.key(qobject_cast<QLowEnergyController *>(sender()));
     qCDebug(defaultLog) << "BLEManager::slotDeviceDisconnected, macAddr:" << macAddr;
     doDeviceDisconnected(macAddr, true);
 }
@@ -77,7 +81,7 @@ void BLEManager::slotDeviceDisconnected()
 void BLEManager::doDeviceDisconnected(const QString &macAddr, bool notify)
 {
     qCDebug(defaultLog) << "[BLEManager::doDeviceDisconnected]" << macAddr;
-    // A controller that was released already reports its disconnection late, and for nobody.
+    // The controller was released before: its device has another one by now, or none.
     if (macAddr.isEmpty())
         return;
 
@@ -109,7 +113,7 @@ void BLEManager::doDeviceDisconnected(const QString &macAddr, bool notify)
 void BLEManager::slotControllerErrOccurred(QLowEnergyController::Error error)
 {
     auto *controller = qobject_cast<QLowEnergyController *>(sender());
-    const QString macAddr = senderAddress();
+    const QString macAddr = m_controllerMap.key(controller);
     qCDebug(defaultLog) << "controller connect error with device: " << macAddr << ", " << error;
 
     switch (error) {

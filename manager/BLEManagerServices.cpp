@@ -10,6 +10,9 @@
 
 namespace {
 
+// The places in a row of the UUID tables.
+enum { WriteUuid, NotifyUuid };
+
 bool hasPrefix(const QString &uuidText, const QString &shortUuid)
 {
     return uuidText.startsWith(shortUuid, Qt::CaseInsensitive);
@@ -44,20 +47,29 @@ void BLEManager::slotServiceDiscovered(const QBluetoothUuid &gatt)
         discoverAuthService(controller, gatt, uuidText);
 }
 
-void BLEManager::discoverMainService(QLowEnergyController *controller, const QBluetoothUuid &gatt,
-                                     const QString &uuidText)
+QLowEnergyService *BLEManager::openService(QLowEnergyController *controller,
+                                           const QBluetoothUuid &gatt, const QString &macAddr,
+                                           QMap<QString, QLowEnergyService *> *services)
 {
-    const QString macAddr = senderAddress();
-    qCDebug(defaultLog) << "[BLEManager::slotServiceDiscovered] contains uuid. uuid:" << uuidText
-                        << macAddr;
     QLowEnergyService *service = controller->createServiceObject(gatt, this);
     if (!service)
-        return;
-    m_serviceMap.insert(macAddr, service);
-
+        return nullptr;
+    services->insert(macAddr, service);
     connect(service, &QLowEnergyService::stateChanged, this, &BLEManager::slotServiceStateChanged);
     connect(service, &QLowEnergyService::characteristicChanged, this,
             &BLEManager::slotCharacteristicChanged);
+    return service;
+}
+
+void BLEManager::discoverMainService(QLowEnergyController *controller, const QBluetoothUuid &gatt,
+                                     const QString &uuidText)
+{
+    const QString macAddr = m_controllerMap.key(controller);
+    qCDebug(defaultLog) << "[BLEManager::slotServiceDiscovered] contains uuid. uuid:" << uuidText
+                        << macAddr;
+    QLowEnergyService *service = openService(controller, gatt, macAddr, &m_serviceMap);
+    if (!service)
+        return;
     connect(service, &QLowEnergyService::errorOccurred, this,
             &BLEManager::slotServiceErrorOccurred);
     connect(service, &QLowEnergyService::descriptorRead, this,
@@ -76,15 +88,10 @@ void BLEManager::discoverAuthService(QLowEnergyController *controller, const QBl
 {
     qCDebug(defaultLog) << "[BLEManager::slotServiceDiscovered][Author] contains uuid. uuid:"
                         << uuidText;
-    const QString macAddr = senderAddress();
-    QLowEnergyService *service = controller->createServiceObject(gatt, this);
+    QLowEnergyService *service = openService(controller, gatt, m_controllerMap.key(controller),
+                                             &m_authServiceMap);
     if (!service)
         return;
-    m_authServiceMap.insert(macAddr, service);
-
-    connect(service, &QLowEnergyService::stateChanged, this, &BLEManager::slotServiceStateChanged);
-    connect(service, &QLowEnergyService::characteristicChanged, this,
-            &BLEManager::slotCharacteristicChanged);
     connect(service, &QLowEnergyService::errorOccurred, this,
             [](QLowEnergyService::ServiceError error) {
                 qCDebug(defaultLog)
@@ -97,10 +104,10 @@ void BLEManager::discoverAuthService(QLowEnergyController *controller, const QBl
 void BLEManager::slotServiceErrorOccurred(QLowEnergyService::ServiceError error)
 {
     qCDebug(defaultLog) << "[BLEManager::slotServiceDiscovered] service errorOccurred:" << error;
-    const auto *service = qobject_cast<QLowEnergyService *>(sender());
+    auto *service = qobject_cast<QLowEnergyService *>(sender());
     if (!service)
         return;
-    doDeviceDisconnected(addressOf(m_serviceMap, service).value_or(QString()), false);
+    doDeviceDisconnected(m_serviceMap.key(service), false);
 }
 
 void BLEManager::slotServiceStateChanged(QLowEnergyService::ServiceState state)
@@ -158,7 +165,7 @@ void BLEManager::bindAuthCharacteristic(QLowEnergyService *service, const QStrin
         const QString uuidText = characteristic.uuid().toString(QUuid::WithoutBraces);
         const bool matches = std::any_of(m_authServiceUuidMap.cbegin(), m_authServiceUuidMap.cend(),
                                          [&uuidText](const QList<QString> &row) {
-                                             return hasPrefix(uuidText, row.at(0));
+                                             return hasPrefix(uuidText, row.at(WriteUuid));
                                          });
         if (!matches)
             continue;
@@ -203,49 +210,53 @@ void BLEManager::bindMainCharacteristics(QLowEnergyService *service, const QStri
 {
     bool writeBound = false;
     bool notifyEnabled = false;
-
-    const auto bind = [&](const QLowEnergyCharacteristic &characteristic) {
-        const QString uuidText = characteristic.uuid().toString(QUuid::WithoutBraces);
-        for (const QList<QString> &row : std::as_const(m_serviceUuidMap)) {
-            if (hasPrefix(uuidText, row.at(0))) {
-                qCDebug(defaultLog) << "[BLEManager::serviceStateChanged] update "
-                                       "m_characteristicsMap. mac addr:"
-                                    << macAddr << ", device name:" << devName
-                                    << ", characteristics uuid:" << uuidText;
-                if (!m_characteristicsMap.contains(macAddr)) {
-                    m_characteristicsMap.insert(macAddr, characteristic);
-                    m_reconnectDevMap.remove(macAddr);
-                    writeBound = true;
-                    return;
-                }
-            }
-            if (hasPrefix(uuidText, row.at(1))) {
-                qCDebug(defaultLog) << "[BLEManager::serviceStateChanged] update "
-                                       "m_characteristicsMap. open subscription notifications, "
-                                       "mac addr:"
-                                    << macAddr << ", device name:" << devName
-                                    << ", characteristics uuid:" << uuidText;
-                const QLowEnergyDescriptor descriptor =
-                        characteristic.clientCharacteristicConfiguration();
-                if (descriptor.isValid()) {
-                    service->writeDescriptor(descriptor, QByteArray::fromHex("0100"));
-                    notifyEnabled = true;
-                }
-                return;
-            }
-        }
-    };
-
     const QList<QLowEnergyCharacteristic> characteristics = service->characteristics();
     for (const QLowEnergyCharacteristic &characteristic : characteristics) {
         qCDebug(defaultLog) << "[BLEManager::serviceStateChanged] characteristics, uuid:"
                             << characteristic.uuid().toString(QUuid::WithBraces)
                             << ", valid: " << characteristic.isValid();
-        if (characteristic.isValid())
-            bind(characteristic);
+        if (characteristic.isValid()) {
+            const Bound bound = bindMainCharacteristic(service, characteristic, macAddr, devName);
+            writeBound = writeBound || bound == Bound::Write;
+            notifyEnabled = notifyEnabled || bound == Bound::Notify;
+        }
         if (writeBound && notifyEnabled) {
             emit sigDeviceConnected(macAddr);
             return;
         }
     }
+}
+
+BLEManager::Bound BLEManager::bindMainCharacteristic(QLowEnergyService *service,
+                                                     const QLowEnergyCharacteristic &characteristic,
+                                                     const QString &macAddr, const QString &devName)
+{
+    const QString uuidText = characteristic.uuid().toString(QUuid::WithoutBraces);
+    for (const QList<QString> &row : std::as_const(m_serviceUuidMap)) {
+        if (hasPrefix(uuidText, row.at(WriteUuid))) {
+            qCDebug(defaultLog) << "[BLEManager::serviceStateChanged] update "
+                                   "m_characteristicsMap. mac addr:"
+                                << macAddr << ", device name:" << devName
+                                << ", characteristics uuid:" << uuidText;
+            if (!m_characteristicsMap.contains(macAddr)) {
+                m_characteristicsMap.insert(macAddr, characteristic);
+                m_reconnectDevMap.remove(macAddr);
+                return Bound::Write;
+            }
+        }
+        if (hasPrefix(uuidText, row.at(NotifyUuid))) {
+            qCDebug(defaultLog) << "[BLEManager::serviceStateChanged] update "
+                                   "m_characteristicsMap. open subscription notifications, "
+                                   "mac addr:"
+                                << macAddr << ", device name:" << devName
+                                << ", characteristics uuid:" << uuidText;
+            const QLowEnergyDescriptor descriptor = characteristic
+                                                            .clientCharacteristicConfiguration();
+            if (!descriptor.isValid())
+                return Bound::Nothing;
+            service->writeDescriptor(descriptor, QByteArray::fromHex("0100"));
+            return Bound::Notify;
+        }
+    }
+    return Bound::Nothing;
 }

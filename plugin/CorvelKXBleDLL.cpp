@@ -3,8 +3,49 @@
 #include "BLEManager.h"
 #include "DefaultLog.h"
 
+#include <QCoreApplication>
 #include <QDeadlineTimer>
+#include <QList>
+#include <QMutex>
 #include <QThread>
+
+#include <utility>
+
+namespace {
+
+// The objects whose thread is running. Host code may make and delete them on any thread.
+struct Running
+{
+    QMutex mutex;
+    QList<CorvelKXBleDLL *> objects;
+};
+
+Running &running()
+{
+    static Running instance;
+    return instance;
+}
+
+constexpr int endLimit = 10000;
+
+} // namespace
+
+// Where a host forgets to delete the object, Qt does so when the process ends, and then it is too
+// late: D-Bus has ended with the application, and the thread may wait for it for ever.
+void CorvelKXBleDLL::endThreads()
+{
+    const QMutexLocker locker(&running().mutex);
+    const auto objects = std::exchange(running().objects, {});
+    for (const CorvelKXBleDLL *object : objects) {
+        object->m_bleThread->requestInterruption();
+        object->m_bleThread->quit();
+    }
+    const QDeadlineTimer end(endLimit);
+    for (CorvelKXBleDLL *object : objects) {
+        if (object->m_bleThread->wait(end))
+            object->m_bleMgr = nullptr;
+    }
+}
 
 CorvelKXBleDLL::CorvelKXBleDLL()
     : m_bleMgr(new BLEManager(nullptr)), m_bleThread(new QThread(nullptr))
@@ -27,11 +68,23 @@ CorvelKXBleDLL::CorvelKXBleDLL()
                         << QThread::currentThreadId();
     m_bleThread->start(QThread::InheritPriority);
     CorvelKXBleDLL::bleInit();
+
+    const QMutexLocker locker(&running().mutex);
+    if (running().objects.isEmpty())
+        qAddPostRoutine(endThreads);
+    running().objects.append(this);
 }
 
 CorvelKXBleDLL::~CorvelKXBleDLL()
 {
+    {
+        // The library may be unloaded once the last object is gone.
+        const QMutexLocker locker(&running().mutex);
+        if (running().objects.removeOne(this) && running().objects.isEmpty())
+            qRemovePostRoutine(endThreads);
+    }
     if (m_bleThread) {
+        m_bleThread->requestInterruption(); // connections that wait in its queue are not begun
         m_bleThread->quit();
         m_bleThread->wait(QDeadlineTimer(1000));
         delete m_bleThread;

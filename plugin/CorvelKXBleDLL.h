@@ -14,7 +14,9 @@ class QThread;
     with that thread.
     \b Order. The constructor starts the thread and queues the manager's init() before anything
     that the host can send.
-    \b Failure. None is reported here; a thread that does not end within 1000 ms is given up.
+    \b Failure. None is reported here. Where the thread does not end within 1000 ms, because the
+    Bluetooth service does not answer it, the destructor deletes the running QThread, and Qt ends the
+    process. An object that still lives when the application ends has its thread ended by then.
 */
 class CorvelKXBleDLL : public CorvelKXBleInterface
 {
@@ -44,6 +46,8 @@ public slots:
     void slotMessageReceived(const QString &devAddr, const QByteArray &data);
 
 private:
+    static void endThreads();
+
     BLEManager *m_bleMgr;
     QThread *m_bleThread;
 };

@@ -10,26 +10,29 @@
 /*!
     The whole contract between a host application and the plugin.
 
-    Get the object with QPluginLoader::instance() and qobject_cast<CorvelKXBleInterface *>(),
-   connect to the signals, then call the commands. This header and Qt are all that a host compiles
-   against.
+    Get the object with QPluginLoader::instance() and qobject_cast<CorvelKXBleInterface *>(), connect
+    to the signals, then call the commands. This header and Qt are all that a host needs to compile.
+    The library CorvelKX::Host does for a host what this interface leaves to it.
 
     \b Thread. The object lives on the thread that first asked the loader for it; call the commands
     on that thread. Each one is queued to a worker thread and returns at once; they are carried out
     one at a time, in the order of the calls. Signals are emitted on the object's own thread, from
     its event loop and never from inside a command; any command may be called from a connected slot.
 
-    \b Ownership. The loader (or whoever deletes the object first) owns it. Deleting it stops the
-    worker thread, waiting for at most 1000 ms, and drops every link; nothing is emitted any more.
+    \b Ownership. The loader owns it, or whoever deletes it first. Deleting it disconnects every
+    light and emits nothing. The destructor waits for the worker thread, for at most 1000 ms; where
+    the thread is still waiting for the Bluetooth service by then, Qt ends the process with
+    "QThread: Destroyed while thread is still running". An object that still lives when the
+    QCoreApplication is destroyed disconnects every light then, and does nothing more.
 
-    \b Order. Nothing has to be called before start(). A light can be connected once it was
-   announced by sigDeviceDiscovered(); sendMessage() reaches it once sigDeviceConnected() came.
+    \b Order. Nothing has to be called before start(). A light can be connected once
+    sigDeviceDiscovered() reported it; sendMessage() reaches it once sigDeviceConnected() came.
 
     \b Failure. No command reports one. A scan that fails emits sigDeviceDiscoveredErrorOccurred().
-   A light that is lost emits sigDeviceDisconnected(). A connection attempt has no time-out and may
-    end in silence. A payload for a light that is not ready is dropped in silence; one that the
-   light refuses makes the plugin drop the light, in silence too (reconnectDevice() brings it back).
-   So bound every wait of your own.
+    A light that is lost emits sigDeviceDisconnected(). A connection attempt has no time-out and may
+    end without a signal. A payload for a light that is not ready is dropped without a signal; one
+    that the light refuses makes the plugin drop the link, without a signal too. Use a time-out for
+    every operation.
 
     A light is named everywhere by \c devAddr, the text that sigDeviceDiscovered() gave: six
     upper-case hexadecimal pairs separated by colons. Any other text names no light.
@@ -98,7 +101,7 @@ signals:
         connected or not.
 
         \a protocolType is one of 1, 2, 3, 5, 6, 7, 162, 163 and 1001, \a devAddr the light's
-       address and \a devName the name to show.
+        address and \a devName the name to show.
     */
     void sigDeviceDiscovered(int protocolType, const QString &devAddr, const QString &devName);
 
@@ -117,9 +120,10 @@ signals:
     void sigDeviceConnected(const QString &devAddr);
 
     /*!
-        The light \a devAddr was disconnected, by the light, by its distance or by removeDevice().
-        The plugin may be reconnecting it, in at most three attempts; sigDeviceConnected() tells
-        of the success.
+        The light \a devAddr was disconnected: by the light, because it is out of range, or by
+        removeDevice(). Also emitted for each attempt to connect that failed because there is no
+        adapter. The plugin may be reconnecting the light, in at most three attempts in a row;
+        sigDeviceConnected() tells of success.
     */
     void sigDeviceDisconnected(const QString &devAddr);
 

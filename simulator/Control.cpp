@@ -63,11 +63,6 @@ QString line(const Written &written)
             .arg(written.characteristic, written.mode, QString::fromLatin1(written.data.toHex()));
 }
 
-bool isHex(const QString &text)
-{
-    return QByteArray::fromHex(text.toLatin1()).toHex() == text.toLatin1().toLower();
-}
-
 } // namespace
 
 Control::Control(BluetoothDaemon *daemon, QObject *parent) : QObject(parent), m_daemon(daemon) { }
@@ -158,9 +153,10 @@ void Control::notify(const QString &address, const QString &hex)
     Device *found = device(address);
     if (!found)
         return;
-    if (!isHex(hex))
+    const auto value = bytesFromHex(hex);
+    if (!value)
         fail(QStringLiteral("\"%1\" is not a row of hexadecimal pairs.").arg(hex));
-    else if (!m_daemon->notify(found, QByteArray::fromHex(hex.toLatin1())))
+    else if (!m_daemon->notify(found, *value))
         fail(QStringLiteral("Nobody listens to %1.").arg(address));
 }
 

@@ -7,7 +7,6 @@
 #include <QRegularExpression>
 
 #include <algorithm>
-#include <cctype>
 #include <functional>
 #include <iterator>
 #include <utility>
@@ -61,12 +60,6 @@ const TypeCode *codeOf(int type)
 QByteArray addressBytes(const QString &address)
 {
     return QByteArray::fromHex(address.toLatin1());
-}
-
-bool isHex(const QString &text)
-{
-    static const QRegularExpression hex(QStringLiteral("\\A([0-9A-Fa-f]{2})*\\z"));
-    return hex.match(text).hasMatch();
 }
 
 bool isAddress(const QString &text)
@@ -149,12 +142,10 @@ bool setType(Light &light, const QJsonValue &value)
 
 bool setManufacturer(Light &light, const QJsonValue &value)
 {
-    QString hex;
-    if (!assignText(hex, value, isHex))
-        return false;
+    const auto bytes = value.isString() ? bytesFromHex(value.toString()) : std::nullopt;
     light.type = -1;
-    light.manufacturer = QByteArray::fromHex(hex.toLatin1());
-    return true;
+    light.manufacturer = bytes.value_or(QByteArray());
+    return bytes.has_value();
 }
 
 bool setCompany(Light &light, const QJsonValue &value)
@@ -364,52 +355,6 @@ QList<Light> crowdOfLights(int count)
     return lights;
 }
 
-namespace {
-
-// Where the element number \a index of the list in \a json begins.
-qsizetype startOfElement(const QByteArray &json, qsizetype index)
-{
-    int depth = 0;
-    bool isText = false;
-    bool isExpected = false;
-    for (qsizetype i = 0; i < json.size(); ++i) {
-        const char c = json.at(i);
-        if (isExpected && !std::isspace(static_cast<uchar>(c))) {
-            isExpected = false;
-            if (index-- == 0)
-                return i;
-        }
-        if (c == '"')
-            isText = !isText;
-        else if (isText)
-            i += c == '\\';
-        else if (c == '[' || c == '{')
-            isExpected = depth++ == 0;
-        else if (c == ']' || c == '}')
-            --depth;
-        else if (c == ',')
-            isExpected = depth == 1;
-    }
-    return 0;
-}
-
-qsizetype lineAt(const QByteArray &text, qsizetype offset)
-{
-    return text.left(offset).count('\n') + 1;
-}
-
-// The line of the key that \a wrong quotes first, or else of the light's beginning.
-qsizetype lineOfMistake(const QByteArray &json, qsizetype light, const QString &wrong)
-{
-    const qsizetype begin = startOfElement(json, light);
-    const QByteArray key = '"' + wrong.section(QLatin1Char('"'), 1, 1).toUtf8() + '"';
-    const qsizetype end = std::max(json.indexOf('}', begin), begin);
-    const qsizetype found = json.indexOf(key, begin);
-    return lineAt(json, found >= begin && found < end ? found : begin);
-}
-
-} // namespace
-
 QList<Light> lightsFromFile(const QString &fileName, QString *error)
 {
     QFile file(fileName);
@@ -421,13 +366,13 @@ QList<Light> lightsFromFile(const QString &fileName, QString *error)
     QJsonParseError parseError;
     const QJsonDocument document = QJsonDocument::fromJson(text, &parseError);
     if (parseError.error != QJsonParseError::NoError) {
+        const auto line = text.left(parseError.offset).count('\n') + 1;
         *error = QStringLiteral("%1:%2: %3")
-                         .arg(fileName, QString::number(lineAt(text, parseError.offset)),
-                              parseError.errorString());
+                         .arg(fileName, QString::number(line), parseError.errorString());
         return {};
     }
     if (!document.isArray() || document.array().isEmpty()) {
-        *error = QStringLiteral("%1:1: a light file is a list of lights").arg(fileName);
+        *error = QStringLiteral("%1: a light file is a list of lights").arg(fileName);
         return {};
     }
 
@@ -444,10 +389,8 @@ QList<Light> lightsFromFile(const QString &fileName, QString *error)
         if (wrong.isEmpty() && known)
             wrong = QStringLiteral("%1 is there twice").arg(light.address);
         if (!wrong.isEmpty()) {
-            *error = QStringLiteral("%1:%2: %3")
-                             .arg(fileName,
-                                  QString::number(lineOfMistake(text, lights.size(), wrong)),
-                                  wrong);
+            *error = QStringLiteral("%1: light %2: %3")
+                             .arg(fileName, QString::number(lights.size() + 1), wrong);
             return {};
         }
         lights.append(light);
@@ -466,6 +409,14 @@ Light lightFromText(const QString &text, QString *error)
     Light light;
     *error = light.apply(settings);
     return light;
+}
+
+std::optional<QByteArray> bytesFromHex(const QString &text)
+{
+    static const QRegularExpression pairs(QStringLiteral("\\A([0-9A-Fa-f]{2})*\\z"));
+    if (!pairs.match(text).hasMatch())
+        return std::nullopt;
+    return QByteArray::fromHex(text.toLatin1());
 }
 
 QJsonValue jsonValueFromText(const QString &text)

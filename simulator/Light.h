@@ -7,6 +7,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <optional>
+
 /*! One GATT characteristic of a virtual light. */
 struct GattCharacteristic
 {
@@ -64,11 +66,13 @@ QList<Light> defaultLights();
 /*! \a count lights, of all the types in turn. */
 QList<Light> crowdOfLights(int count);
 /*!
-    Reads the light file \a fileName; on failure returns nothing and puts one sentence into \a
-   error.
+    Reads the light file \a fileName; on failure returns nothing and puts one sentence into
+    \a error.
 */
 QList<Light> lightsFromFile(const QString &fileName, QString *error);
 /*! Reads a light from "key=value,key=value"; on failure puts one sentence into \a error. */
 Light lightFromText(const QString &text, QString *error);
+/*! The bytes that \a text spells in hexadecimal pairs, or nothing where it spells none. */
+std::optional<QByteArray> bytesFromHex(const QString &text);
 /*! The JSON value that \a text stands for; text that is no JSON is a string. */
 QJsonValue jsonValueFromText(const QString &text);

@@ -25,18 +25,18 @@
     \b Order. Nothing has to be called first. A write succeeds only once the characteristic is bound
     \e and its service's details are known. There is no signal for that, and earlier writes are lost
     without a word: where the platform lists characteristics at once (Linux), they are bound when
-   the scan for services ends, while the details are still being read, and Qt refuses
-   (OperationError) and forgets a write in that time. The log line that tells of the discovered
-   state of the service is the sign.
+    the scan for services ends, while the details are still being read, and Qt refuses
+    (OperationError) and forgets a write in that time. The log line that tells of the discovered
+    state of the service is the sign.
 
     \b Failure. None is reported: a scan without success, a connection that fails, a refused write
-   and a lost link all end in silence, and nothing is tried again. Destroy the client and create a
-   new one. A light that lacks one of the services serves with the other one.
+    and a lost link all end without a signal, and nothing is tried again. Destroy the client and
+    create a new one. A light that lacks one of the services serves with the other one.
 
-    \b What \b never \b comes. The client switches no notifications on: where the platform needs
-   that (Linux), dataReceived() is emitted only if somebody else did. The identification byte is
-   sent only where the main characteristic is bound by a change of its service's state, so not where
-   the end of the scan for services has bound it (Linux).
+    \b What \b never \b comes. The client subscribes to no notifications: where the platform needs
+    that (Linux), dataReceived() is emitted only if somebody else did. The identification byte is
+    sent only where the main characteristic is bound by a change of its service's state, so not where
+    the end of the scan for services has bound it (Linux).
 */
 class MYBLE : public QObject
 {
@@ -75,7 +75,7 @@ signals:
     void dataReceived(const QByteArray &data);
 
 public slots:
-    // The steps of the road, connected to Qt's objects; a user of the class calls none of them.
+    // The steps of the connection sequence, connected to Qt's objects; a user of the class calls none of them.
 
     /*! Stops the scan and connects, if \a device has the light's name. */
     void deviceDiscovered(const QBluetoothDeviceInfo &device);

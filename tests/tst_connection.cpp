@@ -43,6 +43,7 @@ void TestConnection::scan()
     agent->setLowEnergyDiscoveryTimeout(50);
     m_manager->start();
     QVERIFY(waitFor([&] { return told == QStringList { u"finished"_s }; }));
+    agent->setLowEnergyDiscoveryTimeout(20000);
     for (const QString &fault : { u"off"_s, u"remove"_s }) {
         told.clear();
         m_lights.order(u"adapter"_s, { fault });
