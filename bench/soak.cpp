@@ -1,13 +1,13 @@
-// Brings lights up and down at random, breaks them at random, and tells what that leaves behind.
-// Runs among virtual lights of its own choice: corvelkx-lights --crowd 12 -- corvelkx-soak
+// Keeps lights connected by the library for hosts, breaks them at random, and tells what that
+// leaves behind. Runs among virtual lights: corvelkx-lights --crowd 12 -- corvelkx-soak
 #include "CorvelKXBleInterface.h"
+#include "CorvelKXHost.h"
 #include "Support.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusInterface>
-#include <QDBusMessage>
 #include <QDBusReply>
 #include <QDeadlineTimer>
 #include <QDir>
@@ -15,7 +15,6 @@
 #include <QFile>
 #include <QPluginLoader>
 #include <QRandomGenerator>
-#include <QRegularExpression>
 #include <QTimer>
 
 #include <algorithm>
@@ -24,344 +23,283 @@
 #include <cstdio>
 #include <limits>
 #include <memory>
-#include <vector>
+
+using CorvelKX::Host;
+using CorvelKX::Light;
+using Qt::StringLiterals::operator""_s;
+using namespace std::chrono_literals;
 
 namespace {
 
-using namespace std::chrono_literals;
-
-constexpr int lookInterval = 20; // ms, for what tells nobody of a change
 constexpr int reportInterval = 1000;
 constexpr int mostOfAService = 12000; // bytes; scripts/bench measures one
+constexpr quint32 linesOfALife = 200; // with two lights and what they say
 
 // What the log tells, on whatever thread.
 std::atomic_int servicesMade = 0;
 std::atomic_int disconnectionsToTell = 0;
+std::atomic_int linesLeft = 0;
 
 void readLog(QtMsgType, const QMessageLogContext &, const QString &line)
 {
+    --linesLeft;
     if (line.contains(QLatin1String(" contains uuid. uuid: ")))
         ++servicesMade;
     const bool isLost = line.startsWith(QLatin1String("BLEManager::slotDeviceDisconnected"))
                         || line.endsWith(QLatin1String("::InvalidBluetoothAdapterError"));
     if (isLost && !line.contains(QLatin1String("\"\"")))
         ++disconnectionsToTell;
+    QCoreApplication::postEvent(qApp, new QEvent(QEvent::User)); // somebody may wait for it
 }
 
 struct Footprint
 {
     qint64 residentKilobytes = 0;
-    qint64 heap = 0;
-    qsizetype files = 0;
-    qsizetype threads = 0;
-    uint matches = 0;
-    int services = 0;
+    qint64 heap = heapSize();
+    qsizetype files = entries("/proc/self/fd");
+    qsizetype threads = entries("/proc/self/task");
+    uint matches = 0; // rules of the bus for signals that Qt listens to
+    int services = servicesMade;
 
     static Footprint now()
     {
         Footprint f;
-        QFile statm(QStringLiteral("/proc/self/statm"));
+        QFile statm(u"/proc/self/statm"_s);
         if (statm.open(QIODevice::ReadOnly))
             f.residentKilobytes = statm.readAll().split(' ').value(1).toLongLong() * 4;
-        f.heap = heapSize();
-        f.services = servicesMade;
-        const auto entries = [](const char *path) {
-            return QDir(QLatin1String(path))
-                    .entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot)
-                    .size();
-        };
-        f.files = entries("/proc/self/fd");
-        f.threads = entries("/proc/self/task");
         const QDBusConnection bus = QDBusConnection::systemBus();
-        QDBusInterface stats(QStringLiteral("org.freedesktop.DBus"),
-                             QStringLiteral("/org/freedesktop/DBus"),
-                             QStringLiteral("org.freedesktop.DBus.Debug.Stats"), bus);
-        const QDBusReply<QVariantMap> reply = stats.call(QStringLiteral("GetConnectionStats"),
+        QDBusInterface stats(u"org.freedesktop.DBus"_s, u"/org/freedesktop/DBus"_s,
+                             u"org.freedesktop.DBus.Debug.Stats"_s, bus);
+        const QDBusReply<QVariantMap> reply = stats.call(u"GetConnectionStats"_s,
                                                          bus.baseService());
-        f.matches = reply.value().value(QStringLiteral("MatchRules")).toUInt();
+        f.matches = reply.value().value(u"MatchRules"_s).toUInt();
         return f;
+    }
+
+    static qsizetype entries(const char *path)
+    {
+        return QDir(QLatin1String(path))
+                .entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot)
+                .size();
     }
 };
 
-} // namespace
-
-// A host that does with each light, over and over: connect, talk, lose it in some way, get it back.
-class Soak : public QObject
+// A host that keeps its lights connected and talks to each until it breaks.
+class Soak
 {
-    Q_OBJECT
-
 public:
-    // \a patience is what the host has with one light.
-    Soak(CorvelKXBleInterface *plugin, quint32 seed, std::chrono::seconds patience);
+    Soak(quint32 seed, double slowness);
 
-    // Runs until so many cycles are done or the time is over; ends the program where it went wrong.
+    // Runs until so many cycles are done or the time is over; ends the program where it goes wrong.
     void run(int cycles, QDeadlineTimer deadline);
     int cycles() const { return m_cycles; }
-    void printHead() const;
-    Footprint printReport();
+    Footprint report();
+    qint64 longestRecovery() const { return m_longest; }
+    void close();
 
 private:
-    enum class State { Unknown, Connecting, Talking, Leaving };
-    struct Peer
-    {
-        State state = State::Unknown;
-        QByteArray payload;
-        QTimer *limit = nullptr;
-    };
-
-    void onDiscovered(int type, const QString &address, const QString &name);
-    void onConnected(const QString &address);
-    void onDisconnected(const QString &address);
-    void onMessage(const QString &address, const QByteArray &data);
-
-    void enter(const QString &address, State state);
-    void startOver(const QString &address);
-    void breakLink(const QString &address);
+    void onStateChanged(Light *light);
+    void onMessage(Light *light, const QByteArray &data);
+    void breakSomething(Light *light);
     void breakSurroundings();
-    void scanIfNeeded();
-    bool comeToRest();
-    void fail(const QString &what);
+    void comeToRest();
+    void change(const QString &address, const char *key, const char *value);
+    void later(const std::function<void()> &action);
 
-    CorvelKXBleInterface *m_plugin;
+    Host m_host;
+    CorvelKXBleInterface *m_plugin = nullptr;
     QRandomGenerator m_random;
-    std::chrono::seconds m_patience;
-    QMap<QString, Peer> m_lights;
-    QTimer m_rescan;
+    QHash<Light *, QByteArray> m_payloads; // what each light was last asked
+    QHash<Light *, QElapsedTimer> m_lost;
     QElapsedTimer m_elapsed;
     QString m_failure;
     bool m_isResting = false;
-    bool m_isScanning = false;
     int m_cycles = 0;
-    int m_timeouts = 0;
     int m_disconnections = 0;
-    quint32 m_payloads = 0;
+    int m_faults = 0; // that are not over
+    quint32 m_number = 0;
+    qint64 m_longest = 0;
 };
 
-Soak::Soak(CorvelKXBleInterface *plugin, quint32 seed, std::chrono::seconds patience)
-    : m_plugin(plugin), m_random(seed), m_patience(patience)
+Soak::Soak(quint32 seed, double slowness) : m_random(seed)
 {
+    const auto slow = [slowness](std::chrono::milliseconds time) {
+        return std::chrono::duration_cast<std::chrono::milliseconds>(time * slowness);
+    };
+    m_host.setTimes({ slow(1s), slow(4s), slow(300ms), 20ms, 300ms, slow(1s), slow(300ms), 20ms });
+    require(m_host.load(QStringLiteral(PLUGIN_FILE)), qPrintable(m_host.errorString()));
+    // The same object, for what the library does not tell.
+    QPluginLoader loader(QStringLiteral(PLUGIN_FILE));
+    m_plugin = qobject_cast<CorvelKXBleInterface *>(loader.instance());
+    QObject::connect(m_plugin, &CorvelKXBleInterface::sigDeviceDisconnected, &m_host,
+                     [this] { ++m_disconnections; });
+    QObject::connect(&m_host, &Host::lightStateChanged, &m_host,
+                     [this](Light *light) { onStateChanged(light); });
+    QObject::connect(&m_host, &Host::messageReceived, &m_host,
+                     [this](Light *light, const QByteArray &data) { onMessage(light, data); });
     m_elapsed.start();
     const QStringList addresses = lightsHere();
-    for (const QString &address : addresses) {
-        Peer &peer = m_lights[address];
-        peer.limit = new QTimer(this);
-        peer.limit->setSingleShot(true);
-        connect(peer.limit, &QTimer::timeout, this, [this, address] {
-            ++m_timeouts;
-            startOver(address);
-        });
-    }
-    m_rescan.setSingleShot(true);
-    m_rescan.setInterval(20ms);
-    connect(&m_rescan, &QTimer::timeout, this, &Soak::scanIfNeeded);
-    connect(plugin, &CorvelKXBleInterface::sigDeviceDiscovered, this, &Soak::onDiscovered);
-    connect(plugin, &CorvelKXBleInterface::sigDeviceDiscoveredFinished, this, [this] {
-        m_isScanning = false;
-        m_rescan.start();
-    });
-    connect(plugin, &CorvelKXBleInterface::sigDeviceConnected, this, &Soak::onConnected);
-    connect(plugin, &CorvelKXBleInterface::sigDeviceDisconnected, this, &Soak::onDisconnected);
-    connect(plugin, &CorvelKXBleInterface::sigMessageReceived, this, &Soak::onMessage);
+    for (const QString &address : addresses)
+        m_host.light(address)->setKeepConnected(true);
+    std::puts("  cycles  seconds  resident KiB  heap KiB  services kept  files  threads  matches  "
+              "slowest recovery ms");
 }
 
-void Soak::fail(const QString &what)
+void Soak::onStateChanged(Light *light)
 {
-    if (m_failure.isEmpty())
-        m_failure = what;
-}
-
-void Soak::enter(const QString &address, State state)
-{
-    Peer &peer = m_lights[address];
-    peer.state = state;
-    if (state == State::Unknown)
-        peer.limit->stop();
-    else
-        peer.limit->start(m_patience);
-}
-
-void Soak::startOver(const QString &address)
-{
-    m_plugin->removeDevice(address);
-    order("set", { address, QStringLiteral("writes"), QStringLiteral("accept") });
-    order("set", { address, QStringLiteral("connect"), QStringLiteral("accept") });
-    order("drop", { address }); // what hangs or stands for nobody
-    enter(address, State::Unknown);
-    m_rescan.start();
-}
-
-void Soak::scanIfNeeded()
-{
-    const bool isNeeded = std::any_of(m_lights.cbegin(), m_lights.cend(), [](const Peer &peer) {
-        return peer.state == State::Unknown;
-    });
-    if (isNeeded && !m_isResting) {
-        m_isScanning = true;
-        m_plugin->start(); // anew, for a light that was seen already is not told twice
-    } else if (!isNeeded && m_isScanning) {
-        m_isScanning = false;
-        m_plugin->stop();
+    if (light->isReady()) {
+        m_payloads[light] = light->address().toLatin1() + QByteArray::number(++m_number);
+        light->send(m_payloads.value(light));
+    } else if (light->state() == Light::State::Waiting && !m_lost.contains(light)) {
+        m_lost[light].start();
     }
 }
 
-void Soak::onDiscovered(int type, const QString &address, const QString &name)
+void Soak::onMessage(Light *light, const QByteArray &data)
 {
-    static const QRegularExpression known(
-            QStringLiteral("\\ACorvel (light|J7300)\\([0-9A-F]{4}\\)\\z"));
-    if (!m_lights.contains(address) || !known.match(name).hasMatch() || type < 1)
-        fail(QStringLiteral("%1 was announced as %2").arg(address, name));
-    if (m_isResting || m_lights.value(address).state != State::Unknown)
+    if (!data.startsWith(light->address().toLatin1()))
+        m_failure = u"%1 says \"%2\""_s.arg(light->address(), QLatin1String(data));
+    if (data != m_payloads.value(light))
         return;
-    enter(address, State::Connecting);
-    m_plugin->connectToDevice(address);
-    scanIfNeeded();
-}
-
-void Soak::onConnected(const QString &address)
-{
-    Peer &peer = m_lights[address];
-    if (peer.state == State::Unknown)
-        return; // let go while it was being connected
-    peer.payload = address.toLatin1() + QByteArray::number(++m_payloads);
-    enter(address, State::Talking);
-    m_plugin->sendMessage(address, peer.payload);
-}
-
-void Soak::onMessage(const QString &address, const QByteArray &data)
-{
-    if (!data.startsWith(address.toLatin1()))
-        fail(QStringLiteral("%1 says \"%2\"").arg(address, QLatin1String(data)));
-    if (m_lights.value(address).state == State::Talking && data == m_lights.value(address).payload)
-        breakLink(address);
-}
-
-void Soak::onDisconnected(const QString &address)
-{
-    ++m_disconnections;
-    if (m_lights.value(address).state != State::Leaving)
-        return;
-    enter(address, State::Connecting);
-    m_plugin->reconnectDevice(address);
-}
-
-void Soak::breakLink(const QString &address)
-{
+    // The time during which something else was broken as well is not the light's.
+    if (m_lost.contains(light) && m_faults == 0)
+        m_longest = std::max(m_longest, m_lost.value(light).elapsed());
+    m_lost.remove(light);
     ++m_cycles;
-    enter(address, State::Leaving);
+    if (!m_isResting)
+        breakSomething(light);
+}
+
+void Soak::change(const QString &address, const char *key, const char *value)
+{
+    order("set", { address, QLatin1String(key), QLatin1String(value) });
+}
+
+// The fault lasts until then, and how long a light was lost counts from there.
+void Soak::later(const std::function<void()> &action)
+{
+    ++m_faults;
+    QTimer::singleShot(m_random.bounded(300), &m_host, [this, action] {
+        action();
+        --m_faults;
+        for (QElapsedTimer &lost : m_lost)
+            lost.start();
+    });
+}
+
+void Soak::breakSomething(Light *light)
+{
+    const QString address = light->address();
     if (m_random.bounded(100) == 0)
         breakSurroundings();
     switch (m_random.bounded(10)) {
-    case 0:
-        m_plugin->removeDevice(address);
-        enter(address, State::Unknown);
-        m_rescan.start();
+    case 0: // the next write is refused, and the link ends without a word
+        change(address, "writes", "refuse");
+        later([=] { change(address, "writes", "accept"); });
         break;
-    case 1: // the next write is refused, and the light let go without a word
-        order("set", { address, QStringLiteral("writes"), QStringLiteral("refuse") });
-        m_plugin->sendMessage(address, address.toLatin1());
-        startOver(address);
+    case 1:
+        order("vanish", { address });
         break;
     case 2:
-        order("vanish", { address });
-        m_plugin->sendMessage(address, address.toLatin1());
-        startOver(address);
-        break;
-    case 3: // twice at once
-        m_plugin->connectToDevice(address);
-        m_plugin->reconnectDevice(address);
-        startOver(address);
-        break;
-    case 4:
-        order("set", { address, QStringLiteral("connect"),
-                       m_random.bounded(2) ? QStringLiteral("refuse") : QStringLiteral("hang") });
+        change(address, "connect", m_random.bounded(2) ? "refuse" : "hang");
+        later([=] { change(address, "connect", "accept"); });
         order("drop", { address });
-        m_plugin->reconnectDevice(address);
-        startOver(address);
         break;
+    case 3:
+        light->disconnectFromDevice();
+        light->setKeepConnected(true);
+        return;
     default:
         order("drop", { address });
         break;
     }
+    light->send(address.toLatin1()); // where nothing is told, the missing answer tells
 }
 
 void Soak::breakSurroundings()
 {
-    switch (m_random.bounded(4)) {
-    case 0:
-        order("adapter", { QStringLiteral("off") });
-        order("adapter", { QStringLiteral("on") });
-        break;
-    case 1:
-        order("adapter", { QStringLiteral("remove") });
-        order("adapter", { QStringLiteral("return") });
-        break;
-    case 2:
-        order("daemon", { QStringLiteral("leave") });
-        order("daemon", { QStringLiteral("return") });
-        break;
-    default:
-        order("daemon", { QStringLiteral("kill") });
-        order("daemon", { QStringLiteral("return") });
-        break;
-    }
+    struct Fault
+    {
+        const char *what;
+        const char *begin;
+        const char *end;
+    };
+    constexpr Fault faults[] = { { "adapter", "off", "on" },
+                                 { "adapter", "remove", "return" },
+                                 { "daemon", "leave", "return" },
+                                 { "daemon", "kill", "return" } };
+    const Fault fault = faults[m_random.bounded(4)];
+    order(fault.what, { QLatin1String(fault.begin) });
+    later([fault] { order(fault.what, { QLatin1String(fault.end) }); });
 }
 
 void Soak::run(int cycles, QDeadlineTimer deadline)
 {
-    m_rescan.start();
     const int goal = m_cycles + cycles;
+    if (std::exchange(m_isResting, false)) {
+        const auto lights = m_host.lights();
+        for (Light *light : lights)
+            breakSomething(light);
+    }
     while (m_cycles < goal && !deadline.hasExpired() && m_failure.isEmpty()) {
         const int before = m_cycles;
         if (!waitFor([&] { return m_cycles > before || !m_failure.isEmpty(); }))
-            fail(QStringLiteral("nothing moves any more"));
+            m_failure = u"nothing moves any more"_s;
     }
-    if (!comeToRest())
-        fail(QStringLiteral("a light stays connected"));
-    if (m_disconnections != disconnectionsToTell) {
-        fail(QStringLiteral("%1 disconnections were told of %2")
-                     .arg(m_disconnections)
-                     .arg(disconnectionsToTell.load()));
-    }
+    comeToRest();
     require(m_failure.isEmpty(),
-            qPrintable(QStringLiteral("After %1 cycles: %2.").arg(m_cycles).arg(m_failure)));
+            qPrintable(u"After %1 cycles: %2."_s.arg(m_cycles).arg(m_failure)));
 }
 
-bool Soak::comeToRest()
+// Nothing breaks any more, and each light is ready and answers.
+void Soak::comeToRest()
 {
     m_isResting = true;
-    m_isScanning = false;
-    m_plugin->stop();
-    const auto addresses = m_lights.keys();
-    for (const QString &address : addresses)
-        startOver(address);
-    const bool isQuiet = waitFor([] { return order("connected").isEmpty(); }, lookInterval);
+    const auto lights = m_host.lights();
+    const auto answers = [this](Light *light) {
+        return light->isReady() && !m_lost.contains(light);
+    };
+    const auto begin = m_elapsed.elapsed();
+    const auto ask = [&] {
+        if (m_elapsed.elapsed() - begin < 1000)
+            return false;
+        return m_faults == 0 && std::all_of(lights.cbegin(), lights.cend(), answers);
+    };
+    if (!waitFor(ask, 20)) {
+        for (Light *light : lights) {
+            if (!answers(light))
+                m_failure += u"%1 is %2; "_s.arg(light->address(), light->stateString());
+        }
+    }
     // What was told last has yet to arrive.
-    waitFor([this] { return m_disconnections >= disconnectionsToTell; }, lookInterval);
-    m_rescan.stop();
-    m_isResting = false;
-    return isQuiet;
+    if (!waitFor([this] { return m_disconnections >= disconnectionsToTell; }, 20)
+        || m_disconnections != disconnectionsToTell)
+        m_failure += u"%1 disconnections were told of %2"_s.arg(m_disconnections)
+                             .arg(disconnectionsToTell.load());
 }
 
-void Soak::printHead() const
-{
-    std::puts("  cycles  seconds  resident KiB  heap KiB  services kept  files  threads  matches  "
-              "time limits");
-}
-
-Footprint Soak::printReport()
+Footprint Soak::report()
 {
     const Footprint now = Footprint::now();
-    std::printf("%8d %8lld %13lld %9lld %14d %6lld %8lld %8u %12d\n", m_cycles,
-                static_cast<long long>(m_elapsed.elapsed() / 1000),
-                static_cast<long long>(now.residentKilobytes),
-                static_cast<long long>(now.heap / 1024), now.services,
+    std::printf("%8d %8lld %13lld %9lld %14d %6lld %8lld %8u %20lld\n", m_cycles,
+                m_elapsed.elapsed() / 1000, now.residentKilobytes, now.heap / 1024, now.services,
                 static_cast<long long>(now.files), static_cast<long long>(now.threads), now.matches,
-                m_timeouts);
+                static_cast<long long>(m_longest));
     std::fflush(stdout);
     return now;
 }
 
-namespace {
+void Soak::close()
+{
+    bool isClosed = false;
+    QObject::connect(&m_host, &Host::closed, &m_host, [&](const QStringList &stillConnected) {
+        require(stillConnected.isEmpty(), "A light did not disconnect.");
+        isClosed = true;
+    });
+    m_host.close();
+    require(waitFor([&] { return isClosed && order("connected").isEmpty(); }, 20),
+            "A light stays connected.");
+}
 
 // The heap grows by the services that are kept, and by nothing else. Matches come and go with the
 // links that are being dropped: some for each light, but no more.
@@ -374,6 +312,50 @@ void requireFlat(const Footprint &first, const Footprint &last, uint lights)
             "The heap, files, threads or matches grew.");
 }
 
+// Plugin objects that are made, and deleted at any moment, while lights talk: for ThreadSanitizer.
+void live(int lives, quint32 seed)
+{
+    QRandomGenerator random(seed);
+    const QStringList addresses = lightsHere().mid(0, 2);
+    int talked = 0;
+    for (int life = 0; life < lives; ++life) {
+        linesLeft = static_cast<int>(random.bounded(linesOfALife));
+        QPluginLoader loader(QStringLiteral(PLUGIN_FILE));
+        const std::unique_ptr<CorvelKXBleInterface> plugin(
+                qobject_cast<CorvelKXBleInterface *>(loader.instance()));
+        require(plugin != nullptr, qPrintable(loader.errorString()));
+        QStringList wanted = addresses;
+        bool hasTalked = false;
+        QObject::connect(plugin.get(), &CorvelKXBleInterface::sigDeviceDiscovered, plugin.get(),
+                         [&](int, const QString &address) {
+                             if (wanted.removeOne(address))
+                                 plugin->connectToDevice(address);
+                             if (wanted.isEmpty())
+                                 plugin->stop();
+                         });
+        QObject::connect(plugin.get(), &CorvelKXBleInterface::sigDeviceConnected, plugin.get(),
+                         [&](const QString &address) {
+                             for (char i = 0; i < 5; ++i)
+                                 plugin->sendMessage(address, QByteArray(20, i));
+                         });
+        QObject::connect(plugin.get(), &CorvelKXBleInterface::sigMessageReceived, plugin.get(),
+                         [&](const QString &address, const QByteArray &data) {
+                             hasTalked = true;
+                             plugin->sendMessage(address, data);
+                         });
+        plugin->start();
+        require(waitFor([&] { return linesLeft <= 0; }));
+        // An agent that is deleted while it scans would scan on, and be in the way of the next one.
+        linesLeft = 1;
+        plugin->stop();
+        require(waitFor([&] { return linesLeft <= 0; }));
+        talked += hasTalked;
+    }
+    // Short lives and long ones, or nothing was tried.
+    require(talked > 0 && talked < lives, "No life was long, or none was short.");
+    std::printf("%d lives, in %d of them a light talked.\n", lives, talked);
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
@@ -381,48 +363,48 @@ int main(int argc, char *argv[])
     useOneArena();
     QCoreApplication app(argc, argv);
     QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral(
-            "Brings lights up and down at random and breaks them at random, through the loaded "
-            "plugin.\nRun it by scripts/soak."));
+    parser.setApplicationDescription(
+            u"Keeps lights connected and breaks them at random. Run it by scripts/soak."_s);
     parser.addHelpOption();
     parser.addOptions({
-            { QStringLiteral("minutes"), QStringLiteral("For how long (10)."),
-              QStringLiteral("minutes"), QStringLiteral("10") },
-            { QStringLiteral("cycles"), QStringLiteral("End after so many cycles."),
-              QStringLiteral("cycles"), QString::number(std::numeric_limits<int>::max()) },
-            { QStringLiteral("patience"),
-              QStringLiteral("Give a light up after so many seconds (1); more for a slow build."),
-              QStringLiteral("seconds"), QStringLiteral("1") },
-            { QStringLiteral("seed"), QStringLiteral("Do as it was done with this seed."),
-              QStringLiteral("seed"),
+            { u"minutes"_s, u"For how long (10)."_s, u"minutes"_s, u"10"_s },
+            { u"cycles"_s, u"End after so many cycles."_s, u"cycles"_s,
+              QString::number(std::numeric_limits<int>::max()) },
+            { u"slowness"_s, u"Multiply all time limits; more for a slow build (1)."_s, u"factor"_s,
+              u"1"_s },
+            { u"lives"_s, u"Make and delete so many plugin objects instead."_s, u"count"_s },
+            { u"seed"_s, u"Repeat what was done with this seed."_s, u"seed"_s,
               QString::number(QRandomGenerator::global()->bounded(1000000)) },
     });
     parser.process(app);
     const auto minutes = std::chrono::duration<double, std::ratio<60>>(
-            parser.value(QStringLiteral("minutes")).toDouble());
-    const int cycles = parser.value(QStringLiteral("cycles")).toInt();
-    const quint32 seed = parser.value(QStringLiteral("seed")).toUInt();
+            parser.value(u"minutes"_s).toDouble());
+    const int cycles = parser.value(u"cycles"_s).toInt();
+    const double slowness = parser.value(u"slowness"_s).toDouble();
+    const quint32 seed = parser.value(u"seed"_s).toUInt();
+    require(minutes.count() > 0 && cycles > 0 && slowness > 0,
+            "--minutes, --cycles and --slowness take numbers above 0.");
     qInstallMessageHandler(readLog);
-    const int patience = parser.value(QStringLiteral("patience")).toInt();
-    require(minutes.count() > 0 && cycles > 0 && patience > 0,
-            "--minutes, --cycles and --patience take numbers above 0.");
     std::printf("seed %u\n", seed);
-    QPluginLoader loader(QStringLiteral(PLUGIN_FILE));
-    std::unique_ptr<CorvelKXBleInterface> plugin(
-            qobject_cast<CorvelKXBleInterface *>(loader.instance()));
-    require(plugin != nullptr, qPrintable(loader.errorString()));
-    Soak soak(plugin.get(), seed, std::chrono::seconds(patience));
-    soak.printHead();
+    if (parser.isSet(u"lives"_s)) {
+        live(parser.value(u"lives"_s).toInt(), seed);
+        return EXIT_SUCCESS;
+    }
+    Soak soak(seed, slowness);
     const QDeadlineTimer deadline(std::chrono::duration_cast<std::chrono::seconds>(minutes));
     // Two reports at the least, for they are compared.
     const int interval = std::clamp(cycles / 2, 1, reportInterval);
-    std::vector<Footprint> reports;
+    std::optional<Footprint> first;
+    Footprint last;
     while (soak.cycles() < cycles && !deadline.hasExpired()) {
         soak.run(std::min(interval, cycles - soak.cycles()), deadline);
-        reports.push_back(soak.printReport());
+        last = soak.report();
+        if (!first)
+            first = last;
     }
-    requireFlat(reports.front(), reports.back(), uint(lightsHere().size()));
+    soak.close();
+    requireFlat(*first, last, uint(lightsHere().size()));
+    std::printf("All lights were ready in the end; the slowest recovery took %lld ms.\n",
+                static_cast<long long>(soak.longestRecovery()));
     return EXIT_SUCCESS;
 }
-
-#include "soak.moc"

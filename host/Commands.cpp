@@ -1,95 +1,76 @@
 #include "Commands.h"
 
-#include <QDeadlineTimer>
-#include <QMetaEnum>
-#include <QRegularExpression>
+#include <QSet>
 #include <QTimer>
 
 #include <algorithm>
+#include <memory>
 
+using CorvelKX::Host;
+using CorvelKX::Light;
+using Outcome = Waiter::Outcome;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 namespace {
 
-// The plugin ends a scan by itself; the longer time only guards against one that never does.
-constexpr seconds scanTime(20);
-constexpr seconds longestScan(25);
 constexpr seconds answerTime(1);
 // The program's end tells the signal; here it is just no success.
 constexpr int interruptedStatus = EXIT_FAILURE;
 
-QString reason(QBluetoothDeviceDiscoveryAgent::Error error)
+bool isUnderWay(const Light *light)
 {
-    switch (error) {
-    case QBluetoothDeviceDiscoveryAgent::InputOutputError:
-        return QStringLiteral("No Bluetooth adapter can be used: there is none, or the Bluetooth "
-                              "service does not run.");
-    case QBluetoothDeviceDiscoveryAgent::PoweredOffError:
-        return QStringLiteral("The Bluetooth adapter is switched off.");
-    case QBluetoothDeviceDiscoveryAgent::MissingPermissionsError:
-        return QStringLiteral("This program is not permitted to use Bluetooth.");
-    default:
-        return QStringLiteral("The scan failed: %1.")
-                .arg(QLatin1String(
-                        QMetaEnum::fromType<QBluetoothDeviceDiscoveryAgent::Error>().valueToKey(
-                                error)));
-    }
-}
-
-QString toHex(const QByteArray &data)
-{
-    return QString::fromLatin1(data.toHex());
-}
-
-QJsonObject about(const QString &address)
-{
-    return { { QStringLiteral("address"), address } };
-}
-
-QJsonObject about(const QString &address, const QByteArray &data)
-{
-    return { { QStringLiteral("address"), address }, { QStringLiteral("data"), toHex(data) } };
+    return light->state() == Light::State::Connecting || light->state() == Light::State::Waiting;
 }
 
 } // namespace
 
-QString scanFailure(QBluetoothDeviceDiscoveryAgent::Error error)
+QString failureOf(const Host &host)
 {
     return qEnvironmentVariableIsSet("CORVELKX_LIGHTS")
-                   ? reason(error)
-                   : reason(error) + QLatin1String(" Try --simulate for virtual lights.");
+                   ? host.errorString()
+                   : host.errorString() + QLatin1String(" Try --simulate for virtual lights.");
 }
 
-QString describe(const Session &session, const QString &address)
+QString describe(const Light &light)
 {
-    const Session::Found light = session.found().value(address);
     return QStringLiteral("%1  %2  %3")
-            .arg(QString::number(light.type).rightJustified(4), address, printable(light.name));
+            .arg(QString::number(light.protocolType()).rightJustified(4), light.address(),
+                 printable(light.name()));
 }
 
-void printSignals(Session *session, Output *output)
+QJsonObject fieldsOf(const Light &light)
 {
-    auto *plugin = session->plugin();
-    QObject::connect(plugin, &CorvelKXBleInterface::sigDeviceConnected, output,
-                     [output](const QString &address) {
-                         output->report(QStringLiteral("ready"), about(address),
-                                        address + QLatin1String(" is ready"));
+    return { { QStringLiteral("type"), light.protocolType() },
+             { QStringLiteral("address"), light.address() },
+             { QStringLiteral("name"), light.name() } };
+}
+
+void printEvents(Host *host, Output *output)
+{
+    QObject::connect(host, &Host::lightStateChanged, output,
+                     [output, ready = QSet<Light *>()](Light *light) mutable {
+                         const QString &address = light->address();
+                         if (light->isReady()) {
+                             ready.insert(light);
+                             output->report(QStringLiteral("ready"), about(address),
+                                            address + QLatin1String(" is ready"));
+                         } else if (light->state() != Light::State::Disconnecting
+                                    && ready.remove(light)) {
+                             output->report(QStringLiteral("gone"), about(address),
+                                            address + QLatin1String(" is gone"));
+                         }
                      });
-    QObject::connect(plugin, &CorvelKXBleInterface::sigDeviceDisconnected, output,
-                     [output](const QString &address) {
-                         output->report(QStringLiteral("gone"), about(address),
-                                        address + QLatin1String(" is gone"));
-                     });
-    QObject::connect(plugin, &CorvelKXBleInterface::sigMessageReceived, output,
-                     [output](const QString &address, const QByteArray &data) {
-                         output->report(QStringLiteral("received"), about(address, data),
-                                        QStringLiteral("%1 says %2").arg(address, toHex(data)));
+    QObject::connect(host, &Host::messageReceived, output,
+                     [output](const Light *light, const QByteArray &data) {
+                         output->report(QStringLiteral("received"), about(light->address(), data),
+                                        QStringLiteral("%1 says %2")
+                                                .arg(light->address(), toHex(data)));
                      });
 }
 
-Commands::Commands(Session *session, Output *output, const Waits &waits)
-    : m_session(session), m_output(output), m_waits(waits)
+Commands::Commands(Host *host, Waiter *waiter, Output *output, const Waits &waits)
+    : m_host(host), m_waiter(waiter), m_output(output), m_waits(waits)
 {
 }
 
@@ -99,130 +80,90 @@ int Commands::fail(const QString &sentence)
     return EXIT_FAILURE;
 }
 
-int Commands::checkAddresses(const QStringList &addresses)
+int Commands::lightsFor(const QStringList &addresses, QList<Light *> *lights)
 {
-    static const QRegularExpression pattern(QStringLiteral("\\A[0-9A-F]{2}(:[0-9A-F]{2}){5}\\z"));
     for (const QString &address : addresses) {
-        if (!pattern.match(address).hasMatch()) {
+        Light *light = m_host->light(address.toUpper());
+        if (!light) {
             m_output->complain(QStringLiteral("\"%1\" is not an address; one is six hexadecimal "
                                               "pairs separated by colons.")
                                        .arg(printable(address)));
             return usageError;
         }
+        lights->append(light);
     }
     return EXIT_SUCCESS;
 }
 
-int Commands::checkScan()
+int Commands::scan(milliseconds duration)
 {
-    const auto error = m_session->scanError();
-    return error ? fail(scanFailure(*error)) : EXIT_SUCCESS;
-}
-
-int Commands::scan(std::optional<milliseconds> duration)
-{
-    const QDeadlineTimer end(duration.value_or(scanTime));
-    const auto showRemaining = [this, end] {
-        m_output->live(
-                QStringLiteral("scanning, %1 s left").arg((end.remainingTime() + 999) / 1000));
+    const auto showRemaining = [this] {
+        m_output->live(QStringLiteral("scanning, %1 s left")
+                               .arg((m_host->remainingScanTime() + 999) / 1000));
     };
     QTimer live;
     QObject::connect(&live, &QTimer::timeout, &live, showRemaining);
+    QSet<Light *> seen;
     QObject context;
-    QObject::connect(m_session, &Session::lightFound, &context, [this](const QString &address) {
-        const Session::Found light = m_session->found().value(address);
-        m_output->report(QStringLiteral("found"),
-                         { { QStringLiteral("type"), light.type },
-                           { QStringLiteral("address"), address },
-                           { QStringLiteral("name"), light.name } },
-                         describe(*m_session, address));
+    QObject::connect(m_host, &Host::lightSeen, &context, [&](Light *light) {
+        if (seen.contains(light))
+            return;
+        seen.insert(light);
+        m_output->report(QStringLiteral("found"), fieldsOf(*light), describe(*light));
     });
 
-    m_session->startScan();
+    m_host->startScan(duration);
     showRemaining();
     live.start(seconds(1));
-    const auto outcome = m_session->waitUntil([this] { return m_session->hasScanEnded(); },
-                                              duration.value_or(longestScan));
-    if (!m_session->hasScanEnded())
-        m_session->stopScan();
+    const auto outcome = m_waiter->waitUntil([this] { return !m_host->isScanning(); }, unlimited);
+    m_host->stopScan();
     m_output->live({});
-    if (outcome == Session::Wait::Interrupted)
+    if (outcome == Outcome::Interrupted)
         return interruptedStatus;
-    if (const int status = checkScan())
-        return status;
-    const auto count = m_session->seenCount();
+    if (m_host->error() != Host::Error::NoError)
+        return fail(failureOf(*m_host));
+    const auto count = seen.size();
     m_output->report(QStringLiteral("finished"), { { QStringLiteral("count"), count } },
                      count == 1 ? QStringLiteral("1 light was found.")
                                 : QStringLiteral("%1 lights were found.").arg(count));
     return EXIT_SUCCESS;
 }
 
-int Commands::find(const QStringList &addresses)
-{
-    const auto isMissing = [this](const QString &address) {
-        return !m_session->found().contains(address);
-    };
-    const auto missing = [&] {
-        QStringList left = addresses;
-        left.removeIf([&](const QString &address) { return !isMissing(address); });
-        return left;
-    };
-    if (missing().isEmpty())
-        return EXIT_SUCCESS;
-
-    m_session->startScan();
-    m_output->live(QStringLiteral("looking for %1").arg(missing().join(QLatin1String(", "))));
-    const auto outcome =
-            m_session->waitUntil([&] { return m_session->hasScanEnded() || missing().isEmpty(); },
-                                 m_waits.timeout);
-    m_output->live({});
-    // An adapter that scans takes far longer to connect.
-    m_session->stopScan();
-    if (outcome == Session::Wait::Interrupted)
-        return interruptedStatus;
-    if (const int status = checkScan())
-        return status;
-    if (missing().isEmpty())
-        return EXIT_SUCCESS;
-    return fail(QStringLiteral("%1 was not seen; is the light switched on, near and not connected "
-                               "to somebody else?")
-                        .arg(missing().join(QLatin1String(", "))));
-}
-
-QStringList Commands::notReady(const QStringList &addresses) const
-{
-    QStringList waiting = addresses;
-    waiting.removeIf([this](const QString &address) { return m_session->isReady(address); });
-    return waiting;
-}
-
-int Commands::waitReady(const QStringList &addresses)
-{
-    const auto outcome = m_session->waitUntil([&] { return notReady(addresses).isEmpty(); },
-                                              m_waits.timeout);
-    if (outcome == Session::Wait::Interrupted)
-        return interruptedStatus;
-    if (outcome == Session::Wait::Done)
-        return EXIT_SUCCESS;
-    return fail(QStringLiteral("%1 did not become ready within %2 s.")
-                        .arg(notReady(addresses).join(QLatin1String(", ")),
-                             QString::number(double(m_waits.timeout.count()) / 1000)));
-}
-
 int Commands::connectLights(const QStringList &addresses)
 {
-    if (const int status = checkAddresses(addresses))
+    QList<Light *> lights;
+    if (const int status = lightsFor(addresses, &lights))
         return status;
-    if (const int status = find(addresses))
-        return status;
-    // All at once: a light that does not answer holds up nobody then.
-    m_session->connectTo(notReady(addresses));
-    return waitReady(addresses);
+    for (Light *light : std::as_const(lights))
+        light->connectToDevice(m_waits.timeout);
+    return waitReady(lights);
+}
+
+int Commands::waitReady(const QList<Light *> &lights)
+{
+    m_output->live(QStringLiteral("connecting"));
+    const auto outcome = m_waiter->waitUntil(
+            [&] { return std::none_of(lights.cbegin(), lights.cend(), isUnderWay); }, unlimited);
+    m_output->live({});
+    if (outcome == Outcome::Interrupted)
+        return interruptedStatus;
+    int status = EXIT_SUCCESS;
+    for (const Light *light : lights) {
+        if (light->isReady())
+            continue;
+        // That there is no adapter is said once.
+        const bool isOfAll = light->reason() == Light::Reason::BluetoothFailed;
+        status = fail(isOfAll ? failureOf(*m_host) : light->reasonString());
+        if (isOfAll)
+            break;
+    }
+    return status;
 }
 
 int Commands::send(const QString &address, const QString &hex)
 {
-    if (const int status = checkAddresses({ address }))
+    QList<Light *> lights;
+    if (const int status = lightsFor({ address }, &lights))
         return status;
     const auto data = bytesFromHex(hex);
     if (!data) {
@@ -232,21 +173,20 @@ int Commands::send(const QString &address, const QString &hex)
     if (const int status = connectLights({ address }))
         return status;
 
-    const quint64 before = m_session->receivedFrom(address);
-    m_session->plugin()->sendMessage(address, *data);
-    m_output->report(QStringLiteral("sent"), about(address, *data),
-                     QStringLiteral("%1 was sent %2").arg(address, toHex(*data)));
-    const auto outcome = m_session->waitUntil(
-            [&] {
-                return m_session->receivedFrom(address) > before || !m_session->isReady(address);
-            },
+    Light *light = lights.constFirst();
+    const quint64 before = light->receivedCount();
+    light->send(*data);
+    m_output->report(QStringLiteral("sent"), about(light->address(), *data),
+                     QStringLiteral("%1 was sent %2").arg(light->address(), toHex(*data)));
+    const auto outcome = m_waiter->waitUntil(
+            [&] { return light->receivedCount() > before || !light->isReady(); },
             m_waits.answerRequired ? m_waits.timeout : answerTime);
-    if (outcome == Session::Wait::Interrupted)
+    if (outcome == Outcome::Interrupted)
         return interruptedStatus;
-    if (!m_session->isReady(address))
-        return fail(QStringLiteral("%1 was lost while it was sent to.").arg(address));
-    if (outcome == Session::Wait::TimedOut && m_waits.answerRequired)
-        return fail(QStringLiteral("%1 did not answer.").arg(address));
+    if (!light->isReady())
+        return fail(light->reasonString());
+    if (outcome == Outcome::TimedOut && m_waits.answerRequired)
+        return fail(QStringLiteral("%1 did not answer.").arg(light->address()));
     return EXIT_SUCCESS;
 }
 
@@ -254,48 +194,43 @@ int Commands::listen(const QStringList &addresses)
 {
     if (const int status = connectLights(addresses))
         return status;
-    // On Linux the plugin rarely reconnects by itself, so a host asks again.
-    QObject context;
-    QObject::connect(
-            m_session->plugin(), &CorvelKXBleInterface::sigDeviceDisconnected, &context,
-            [this](const QString &address) { m_session->reconnectTo(address); },
-            Qt::QueuedConnection);
-
-    const quint64 wanted = m_session->receivedCount() + m_waits.messages;
-    const auto outcome = m_session->waitUntil(
-            [&] { return m_waits.messages && m_session->receivedCount() >= wanted; },
-            m_waits.duration.value_or(unlimited));
-    if (outcome == Session::Wait::Interrupted)
+    QList<Light *> lights;
+    lightsFor(addresses, &lights);
+    const auto keep = [&lights](bool isOn) {
+        for (Light *light : std::as_const(lights))
+            light->setKeepConnected(isOn);
+    };
+    const auto received = [&lights] {
+        quint64 count = 0;
+        for (const Light *light : std::as_const(lights))
+            count += light->receivedCount();
+        return count;
+    };
+    keep(true);
+    const quint64 wanted = received() + m_waits.messages;
+    const auto outcome =
+            m_waiter->waitUntil([&] { return m_waits.messages && received() >= wanted; },
+                                m_waits.duration.value_or(unlimited));
+    const auto lost = std::find_if(lights.cbegin(), lights.cend(),
+                                   [](const Light *light) { return !light->isReady(); });
+    const QString reason = lost == lights.cend() ? QString() : (*lost)->reasonString();
+    keep(false);
+    if (outcome == Outcome::Interrupted)
         return interruptedStatus;
-    if (outcome == Session::Wait::TimedOut && m_waits.messages) {
+    if (outcome == Outcome::TimedOut && m_waits.messages)
         return fail(QStringLiteral("Fewer than %1 messages came.").arg(m_waits.messages));
-    }
-    const QStringList lost = notReady(addresses);
-    if (!lost.isEmpty())
-        return fail(QStringLiteral("%1 was lost.").arg(lost.join(QLatin1String(", "))));
-    return EXIT_SUCCESS;
-}
-
-int Commands::reconnect(const QString &address)
-{
-    if (const int status = checkAddresses({ address }))
-        return status;
-    if (!m_session->found().contains(address))
-        return fail(QStringLiteral("%1 is not known; scan for it first.").arg(address));
-    m_session->reconnectTo(address);
-    return waitReady({ address });
+    return reason.isEmpty() ? EXIT_SUCCESS : fail(reason);
 }
 
 int Commands::forget(const QString &address)
 {
-    if (const int status = checkAddresses({ address }))
+    QList<Light *> lights;
+    if (const int status = lightsFor({ address }, &lights))
         return status;
-    m_session->forget(address);
-    const auto outcome = m_session->waitUntil([&] { return !m_session->isReady(address); },
-                                              m_waits.timeout);
-    if (outcome == Session::Wait::Interrupted)
-        return interruptedStatus;
-    if (outcome == Session::Wait::TimedOut)
-        return fail(QStringLiteral("%1 is still connected.").arg(address));
-    return EXIT_SUCCESS;
+    const auto isThere = [this, light = lights.constFirst()] {
+        return m_host->lights().contains(light);
+    };
+    lights.constFirst()->forget();
+    const auto outcome = m_waiter->waitUntil([&] { return !isThere(); }, m_waits.timeout);
+    return outcome == Outcome::Done ? EXIT_SUCCESS : interruptedStatus;
 }

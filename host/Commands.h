@@ -1,14 +1,13 @@
 #pragma once
 
+#include "CorvelKXHost.h"
+#include "ExitStatus.h"
 #include "Output.h"
-#include "Session.h"
 #include "Text.h"
+#include "Waiter.h"
 
 #include <chrono>
 #include <optional>
-
-/*! What a wrong word on the command line ends with; a failure ends with EXIT_FAILURE. */
-constexpr int usageError = 2;
 
 /*! What the options say about the waits. */
 struct Waits
@@ -26,35 +25,35 @@ struct Waits
 class Commands
 {
 public:
-    Commands(Session *session, Output *output, const Waits &waits);
+    Commands(CorvelKX::Host *host, Waiter *waiter, Output *output, const Waits &waits);
 
-    /*! Scans for \a duration, or as long as the plugin does. */
-    int scan(std::optional<std::chrono::milliseconds> duration);
-    /*! Finds and connects those of \a addresses that are not ready, and waits until all are. */
+    /*! Scans for \a duration. */
+    int scan(std::chrono::milliseconds duration);
+    /*! Connects those of \a addresses that are not ready, and waits until all are. */
     int connectLights(const QStringList &addresses);
     int send(const QString &address, const QString &hex);
     int listen(const QStringList &addresses);
-    int reconnect(const QString &address);
     int forget(const QString &address);
 
 private:
-    int find(const QStringList &addresses);
-    int checkScan();
-    int checkAddresses(const QStringList &addresses);
-    int waitReady(const QStringList &addresses);
+    int lightsFor(const QStringList &addresses, QList<CorvelKX::Light *> *lights);
+    int waitReady(const QList<CorvelKX::Light *> &lights);
     int fail(const QString &sentence);
-    QStringList notReady(const QStringList &addresses) const;
 
-    Session *m_session;
+    CorvelKX::Host *m_host;
+    Waiter *m_waiter;
     Output *m_output;
     Waits m_waits;
 };
 
-/*! Prints every ready, gone and received signal of \a session to \a output as it comes. */
-void printSignals(Session *session, Output *output);
+/*! Prints whatever becomes ready, goes or sends a message, as it happens. */
+void printEvents(CorvelKX::Host *host, Output *output);
 
-/*! The sentence for a scan that failed with \a error. */
-QString scanFailure(QBluetoothDeviceDiscoveryAgent::Error error);
+/*! The sentence for what keeps \a host from its lights, with what helps. */
+QString failureOf(const CorvelKX::Host &host);
 
-/*! One line about the light \a address that \a session has found. */
-QString describe(const Session &session, const QString &address);
+/*! One line about \a light. */
+QString describe(const CorvelKX::Light &light);
+
+/*! \a light as the fields of a JSON object. */
+QJsonObject fieldsOf(const CorvelKX::Light &light);

@@ -2,22 +2,26 @@
 
 #include "Commands.h"
 
+#include <QMetaEnum>
 #include <QProcess>
 
 #include <algorithm>
+
+using CorvelKX::Host;
+using CorvelKX::Light;
 
 namespace {
 
 constexpr qsizetype mostLights = 3;
 constexpr std::chrono::seconds scanTime(2);
 
-// The program that gives orders to the virtual lights, where the host runs among them.
+// The program that commands the virtual lights, where the host runs among them.
 QString lightsProgram()
 {
     return qEnvironmentVariable("CORVELKX_LIGHTS");
 }
 
-QStringList order(const QStringList &words)
+QStringList command(const QStringList &words)
 {
     QProcess program;
     program.setProcessChannelMode(QProcess::ForwardedErrorChannel);
@@ -29,31 +33,27 @@ QStringList order(const QStringList &words)
 
 } // namespace
 
-Demo::Demo(Session *session, Output *output, std::chrono::milliseconds timeout)
-    : m_session(session), m_output(output), m_timeout(timeout)
+Demo::Demo(Host *host, Waiter *waiter, Output *output, std::chrono::milliseconds timeout)
+    : m_host(host), m_waiter(waiter), m_output(output), m_timeout(timeout)
 {
-    const QString plugin = QStringLiteral("plugin");
-    connect(session, &Session::lightFound, this, [=](const QString &address) {
-        tell(plugin, QLatin1String("sigDeviceDiscovered ") + describe(*session, address));
+    const QString library = QStringLiteral("library");
+    connect(host, &Host::lightAdded, this,
+            [=](Light *light) { tell(library, QLatin1String("lightAdded ") + describe(*light)); });
+    connect(host, &Host::lightStateChanged, this, [=](Light *light) {
+        const auto state = QMetaEnum::fromType<Light::State>().valueToKey(int(light->state()));
+        QString text = QStringLiteral("%1 %2").arg(light->address(), QLatin1String(state));
+        if (light->state() == Light::State::Waiting)
+            text += QStringLiteral(" (%1)").arg(light->reasonString());
+        tell(library, text);
     });
-    connect(session->plugin(), &CorvelKXBleInterface::sigDeviceConnected, this,
-            [=](const QString &address) {
-                tell(plugin, QLatin1String("sigDeviceConnected ") + address);
-            });
-    connect(session->plugin(), &CorvelKXBleInterface::sigDeviceDisconnected, this,
-            [=](const QString &address) {
-                tell(plugin, QLatin1String("sigDeviceDisconnected ") + address);
-            });
-    connect(session->plugin(), &CorvelKXBleInterface::sigMessageReceived, this,
-            [=](const QString &address, const QByteArray &data) {
-                tell(plugin, QStringLiteral("sigMessageReceived %1 %2")
-                                     .arg(address, QString::fromLatin1(data.toHex())));
-            });
+    connect(host, &Host::messageReceived, this, [=](Light *light, const QByteArray &data) {
+        tell(library, QStringLiteral("messageReceived %1 %2").arg(light->address(), toHex(data)));
+    });
 }
 
 bool Demo::run()
 {
-    return scan() && connectLights() && talk() && drop() && reconnect() && forget();
+    return scan() && connectLights() && talk() && lose() && forget();
 }
 
 void Demo::chapter(const QString &title)
@@ -70,47 +70,38 @@ void Demo::tell(const QString &who, const QString &what)
 
 bool Demo::wait(const std::function<bool()> &done, const QString &complaint)
 {
-    const auto outcome = m_session->waitUntil(done, m_timeout);
-    if (outcome == Session::Wait::TimedOut)
+    const auto outcome = m_waiter->waitUntil(done, m_timeout);
+    if (outcome == Waiter::Outcome::TimedOut)
         m_output->complain(complaint);
-    return outcome == Session::Wait::Done;
+    return outcome == Waiter::Outcome::Done;
 }
 
 void Demo::tellWhatLightsGot()
 {
     if (lightsProgram().isEmpty())
         return;
-    for (const QString &address : std::as_const(m_lights)) {
-        const QStringList payloads = order({ QStringLiteral("written"), address });
-        for (auto i = m_told.value(address); i < payloads.size(); ++i)
-            tell(QStringLiteral("light"), QStringLiteral("%1 got %2").arg(address, payloads.at(i)));
-        m_told.insert(address, int(payloads.size()));
+    for (const Light *light : std::as_const(m_lights)) {
+        const QStringList payloads = command({ QStringLiteral("written"), light->address() });
+        for (auto i = m_told.value(light->address()); i < payloads.size(); ++i)
+            tell(QStringLiteral("light"),
+                 QStringLiteral("%1 got %2").arg(light->address(), payloads.at(i)));
+        m_told.insert(light->address(), payloads.size());
     }
-}
-
-void Demo::send(const QString &address, const QByteArray &data)
-{
-    tell(QStringLiteral("host"),
-         QStringLiteral("sendMessage(%1, %2)").arg(address, QString::fromLatin1(data.toHex())));
-    m_session->plugin()->sendMessage(address, data);
 }
 
 bool Demo::scan()
 {
-    chapter(QStringLiteral("Scan: every supported light is announced, other devices are not"));
-    tell(QStringLiteral("host"), QStringLiteral("start()"));
-    m_session->startScan();
-    const auto outcome = m_session->waitUntil([this] { return m_session->hasScanEnded(); },
-                                              scanTime);
-    if (outcome == Session::Wait::Interrupted)
+    chapter(QStringLiteral("Scan: each supported light is found, other devices are not"));
+    tell(QStringLiteral("host"), QStringLiteral("startScan()"));
+    m_host->startScan(scanTime);
+    if (m_waiter->waitUntil([this] { return !m_host->isScanning(); }, unlimited)
+        == Waiter::Outcome::Interrupted)
         return false;
-    if (const auto error = m_session->scanError()) {
-        m_output->complain(scanFailure(*error));
+    if (m_host->error() != Host::Error::NoError) {
+        m_output->complain(failureOf(*m_host));
         return false;
     }
-    tell(QStringLiteral("host"), QStringLiteral("stop()"));
-    m_session->stopScan();
-    m_lights = m_session->found().keys().mid(0, mostLights);
+    m_lights = m_host->lights().mid(0, mostLights);
     if (m_lights.isEmpty())
         m_output->complain(QStringLiteral("No light was found."));
     return !m_lights.isEmpty();
@@ -118,77 +109,71 @@ bool Demo::scan()
 
 bool Demo::connectLights()
 {
-    chapter(QStringLiteral("Connect: all at once; ready is who is connected and bound"));
-    for (const QString &address : std::as_const(m_lights))
-        tell(QStringLiteral("host"), QStringLiteral("connectToDevice(%1)").arg(address));
-    m_session->connectTo(m_lights);
-    const bool ready = wait(
-            [this] {
-                return std::all_of(m_lights.cbegin(), m_lights.cend(),
-                                   [this](const QString &a) { return m_session->isReady(a); });
-            },
-            QStringLiteral("Not every light became ready."));
+    chapter(QStringLiteral("Connect: a light is ready when it takes messages"));
+    for (Light *light : std::as_const(m_lights)) {
+        tell(QStringLiteral("host"), light->address() + QLatin1String(" setKeepConnected(true)"));
+        light->setKeepConnected(true);
+    }
+    const auto isReady = [](const Light *light) { return light->isReady(); };
+    const bool done = wait([&] { return std::all_of(m_lights.cbegin(), m_lights.cend(), isReady); },
+                           QStringLiteral("Not every light became ready."));
     tellWhatLightsGot();
-    return ready;
+    return done;
 }
 
-bool Demo::talk()
+bool Demo::sendToAll(char number)
 {
-    chapter(QStringLiteral("Talk: a payload to each light, and what comes back"));
-    char number = 1;
-    for (const QString &address : std::as_const(m_lights))
-        send(address, QByteArray("\xA5") + number++);
+    quint64 missing = 0;
+    for (Light *light : std::as_const(m_lights)) {
+        missing += light->receivedCount() + 1;
+        const QByteArray data = QByteArray("\xA5") + number++;
+        tell(QStringLiteral("host"),
+             QStringLiteral("%1 send(%2)").arg(light->address(), toHex(data)));
+        light->send(data);
+    }
     const bool answered = wait(
-            [this] {
-                return std::all_of(m_lights.cbegin(), m_lights.cend(), [this](const QString &a) {
-                    return m_session->receivedFrom(a) > 0;
-                });
+            [&] {
+                quint64 received = 0;
+                for (const Light *light : std::as_const(m_lights))
+                    received += light->receivedCount();
+                return received >= missing;
             },
             QStringLiteral("Not every light answered."));
     tellWhatLightsGot();
     return answered;
 }
 
-bool Demo::drop()
+bool Demo::talk()
 {
-    const QString &light = m_lights.constFirst();
-    chapter(QStringLiteral("Drop: the light goes by itself, and the host is told"));
-    if (lightsProgram().isEmpty()) {
-        m_output->say(QStringLiteral("  Please switch %1 off and on again.").arg(light));
-    } else {
-        tell(QStringLiteral("light"), light + QLatin1String(" drops the link"));
-        order({ QStringLiteral("drop"), light });
-    }
-    return wait([this, &light] { return !m_session->isReady(light); },
-                light + QLatin1String(" did not go."));
+    chapter(QStringLiteral("Talk: a payload to each light, and what comes back"));
+    return sendToAll(1);
 }
 
-bool Demo::reconnect()
+bool Demo::lose()
 {
-    const QString &light = m_lights.constFirst();
-    chapter(QStringLiteral("Reconnect: the host asks again, and the light answers as before"));
-    tell(QStringLiteral("host"), QStringLiteral("reconnectDevice(%1)").arg(light));
-    m_session->reconnectTo(light);
-    if (!wait([this, &light] { return m_session->isReady(light); },
-              light + QLatin1String(" did not come back.")))
-        return false;
-    const quint64 before = m_session->receivedFrom(light);
-    send(light, "\xA5\x10");
-    return wait([&] { return m_session->receivedFrom(light) > before; },
-                light + QLatin1String(" did not answer."));
+    const Light *light = m_lights.constFirst();
+    const QString address = light->address();
+    chapter(QStringLiteral("Lose a link: the library brings the light back"));
+    if (lightsProgram().isEmpty()) {
+        m_output->say(QStringLiteral("  Please switch %1 off and on again.").arg(address));
+    } else {
+        tell(QStringLiteral("light"), address + QLatin1String(" drops the link"));
+        command({ QStringLiteral("drop"), address });
+    }
+    return wait([light] { return !light->isReady(); }, address + QLatin1String(" did not go."))
+           && wait([light] { return light->isReady(); },
+                   address + QLatin1String(" did not come back."))
+           && sendToAll(0x10);
 }
 
 bool Demo::forget()
 {
-    chapter(QStringLiteral("Forget: links end, and a forgotten light must be found anew"));
-    for (const QString &address : std::as_const(m_lights)) {
-        tell(QStringLiteral("host"), QStringLiteral("removeDevice(%1)").arg(address));
-        m_session->forget(address);
+    chapter(QStringLiteral("Forget: the lights are disconnected, and are nobody's"));
+    for (Light *light : std::as_const(m_lights)) {
+        tell(QStringLiteral("host"), light->address() + QLatin1String(" forget()"));
+        light->forget();
     }
-    return wait(
-            [this] {
-                return std::none_of(m_lights.cbegin(), m_lights.cend(),
-                                    [this](const QString &a) { return m_session->isReady(a); });
-            },
-            QStringLiteral("Not every light was let go."));
+    const auto isThere = [this](Light *light) { return m_host->lights().contains(light); };
+    return wait([&] { return std::none_of(m_lights.cbegin(), m_lights.cend(), isThere); },
+                QStringLiteral("Not every light was let go."));
 }

@@ -1,22 +1,23 @@
 #pragma once
 
+#include "CorvelKXHost.h"
 #include "Output.h"
-#include "Session.h"
+#include "Waiter.h"
 
-#include <QStringList>
+#include <QMap>
 
 /*!
-    The whole road of a few lights as a story: scan, connect, send, receive, drop, reconnect,
-   forget. Each step says who did what: the host, the plugin, a light.
+    A few lights from the first scan to the last disconnection, as a story: each line says who did
+    what: the host, the library, a light.
 
-    A step returns whether the road goes on; where it does not, it has told why.
+    A step returns whether the story goes on; where it does not, it has told why.
 */
 class Demo : public QObject
 {
     Q_OBJECT
 
 public:
-    Demo(Session *session, Output *output, std::chrono::milliseconds timeout);
+    Demo(CorvelKX::Host *host, Waiter *waiter, Output *output, std::chrono::milliseconds timeout);
 
     bool run();
 
@@ -24,19 +25,19 @@ private:
     bool scan();
     bool connectLights();
     bool talk();
-    bool drop();
-    bool reconnect();
+    bool lose();
     bool forget();
 
     void chapter(const QString &title);
     void tell(const QString &who, const QString &what);
     void tellWhatLightsGot();
-    void send(const QString &address, const QByteArray &data);
+    bool sendToAll(char number);
     bool wait(const std::function<bool()> &done, const QString &complaint);
 
-    Session *m_session;
+    CorvelKX::Host *m_host;
+    Waiter *m_waiter;
     Output *m_output;
     std::chrono::milliseconds m_timeout;
-    QStringList m_lights;
-    QMap<QString, int> m_told; //!< how many payloads each light was said to have got
+    QList<CorvelKX::Light *> m_lights;
+    QMap<QString, qsizetype> m_told; //!< how many payloads each light was said to have got
 };

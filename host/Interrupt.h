@@ -6,7 +6,7 @@
 
 /*!
     Turns the signals that ask a program to end (interrupt, terminate, hang-up) into a Qt signal.
-   The first one only tells; while it is being obeyed, another one ends the program at once.
+    The first one only tells; while it is being obeyed, another one ends the program at once.
 */
 class Interrupt : public QObject
 {

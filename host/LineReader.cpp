@@ -27,8 +27,8 @@ void takeEditedLine(char *text)
 
 } // namespace
 
-LineReader::LineReader(Session *session, Output *output, QObject *parent)
-    : QObject(parent), m_session(session),
+LineReader::LineReader(Waiter *waiter, Output *output, QObject *parent)
+    : QObject(parent), m_waiter(waiter),
       m_isInteractive(output->isTerminal() && isatty(STDIN_FILENO) && !output->isJson())
 {
     connect(output, &Output::aboutToPrint, this, &LineReader::hidePrompt);
@@ -73,7 +73,7 @@ void LineReader::readAvailable()
 #ifdef HAVE_LIBEDIT
     if (m_isInteractive) {
         rl_callback_read_char();
-        emit m_session->changed();
+        m_waiter->check();
         return;
     }
 #endif
@@ -83,7 +83,7 @@ void LineReader::readAvailable()
         m_buffer.append(bytes, count);
     else
         m_hasEnded = true;
-    emit m_session->changed();
+    m_waiter->check();
 }
 
 std::optional<QString> LineReader::read()
@@ -100,7 +100,7 @@ std::optional<QString> LineReader::read()
 #endif
     QSocketNotifier notifier(STDIN_FILENO, QSocketNotifier::Read);
     connect(&notifier, &QSocketNotifier::activated, this, &LineReader::readAvailable);
-    m_session->waitUntil([this] { return m_buffer.contains('\n') || m_hasEnded; }, unlimited);
+    m_waiter->waitUntil([this] { return m_buffer.contains('\n') || m_hasEnded; }, unlimited);
 #ifdef HAVE_LIBEDIT
     if (m_isInteractive)
         rl_callback_handler_remove();

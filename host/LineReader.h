@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Session.h"
+#include "Waiter.h"
 
 #include <QObject>
 #include <QString>
@@ -18,7 +18,7 @@ class LineReader : public QObject
     Q_OBJECT
 
 public:
-    LineReader(Session *session, Output *output, QObject *parent = nullptr);
+    LineReader(Waiter *waiter, Output *output, QObject *parent = nullptr);
     ~LineReader() override;
 
     /*! The next line, or nothing at the end of the input and on an interruption. */
@@ -32,7 +32,7 @@ private:
     void hidePrompt() const;
     void showPrompt() const;
 
-    Session *m_session;
+    Waiter *m_waiter;
     QByteArray m_buffer;
     bool m_isInteractive;
     bool m_isReading = false;

@@ -14,9 +14,10 @@ namespace {
 class Shell
 {
 public:
-    Shell(Session *session, Output *output, Interrupt *interrupt, const Waits &waits)
-        : m_session(session), m_output(output), m_interrupt(interrupt),
-          m_commands(session, output, waits), m_reader(session, output)
+    Shell(CorvelKX::Host *host, Waiter *waiter, Output *output, Interrupt *interrupt,
+          const Waits &waits)
+        : m_host(host), m_waiter(waiter), m_output(output), m_interrupt(interrupt),
+          m_commands(host, waiter, output, waits), m_reader(waiter, output)
     {
     }
 
@@ -35,7 +36,7 @@ public:
             // What was interrupted is the command, not the shell.
             if (m_interrupt->signalNumber() == SIGINT && m_output->isTerminal()) {
                 m_interrupt->rearm();
-                m_session->resume();
+                m_waiter->resume();
             }
         }
         return m_output->isTerminal() ? EXIT_SUCCESS : status;
@@ -46,11 +47,6 @@ private:
     {
         const QString &name = words.first();
         const QStringList rest = words.mid(1);
-        const QString address = rest.value(0).toUpper();
-        QStringList addresses;
-        for (const QString &word : rest)
-            addresses.append(word.toUpper());
-
         if (name == QLatin1String("scan") && rest.size() <= 1)
             return scan(rest.value(0));
         if (name == QLatin1String("wait") && rest.size() == 1)
@@ -58,15 +54,13 @@ private:
         if (name == QLatin1String("lights") && rest.isEmpty())
             return listLights();
         if (name == QLatin1String("connect") && !rest.isEmpty())
-            return m_commands.connectLights(addresses);
+            return m_commands.connectLights(rest);
         if (name == QLatin1String("listen") && !rest.isEmpty())
-            return m_commands.listen(addresses);
+            return m_commands.listen(rest);
         if (name == QLatin1String("send") && rest.size() == 2)
-            return m_commands.send(address, rest.at(1));
-        if (name == QLatin1String("reconnect") && rest.size() == 1)
-            return m_commands.reconnect(address);
+            return m_commands.send(rest.at(0), rest.at(1));
         if (name == QLatin1String("forget") && rest.size() == 1)
-            return m_commands.forget(address);
+            return m_commands.forget(rest.at(0));
         if (name == QLatin1String("help")) {
             m_output->say(help());
             return EXIT_SUCCESS;
@@ -82,12 +76,11 @@ private:
                 "scan [SECONDS]         look for lights\n"
                 "lights                 the lights found so far\n"
                 "connect ADDRESS...     connect lights and wait until they are ready\n"
-                "listen ADDRESS...      print what comes, and ask again for a light that goes\n"
+                "listen ADDRESS...      print what comes, and bring back a light that goes\n"
                 "send ADDRESS HEX       send a payload and wait for an answer\n"
-                "reconnect ADDRESS      connect a light again\n"
-                "forget ADDRESS         drop a light and forget it\n"
+                "forget ADDRESS         disconnect a light and forget it\n"
                 "wait SECONDS           only print what comes\n"
-                "quit                   drop all links and leave");
+                "quit                   disconnect all lights and leave");
     }
 
     int scan(const QString &text)
@@ -95,7 +88,7 @@ private:
         const auto duration = fromSeconds(text.isEmpty() ? QStringLiteral("5") : text);
         if (!duration)
             return notSeconds(text);
-        return m_commands.scan(duration);
+        return m_commands.scan(*duration);
     }
 
     int wait(const QString &text)
@@ -103,7 +96,7 @@ private:
         const auto duration = fromSeconds(text);
         if (!duration)
             return notSeconds(text);
-        m_session->waitUntil([] { return false; }, *duration);
+        m_waiter->waitUntil([] { return false; }, *duration);
         return EXIT_SUCCESS;
     }
 
@@ -116,22 +109,18 @@ private:
 
     int listLights()
     {
-        const QStringList addresses = m_session->found().keys();
-        for (const QString &address : addresses) {
-            const bool ready = m_session->isReady(address);
-            const Session::Found light = m_session->found().value(address);
-            m_output->report(QStringLiteral("light"),
-                             { { QStringLiteral("type"), light.type },
-                               { QStringLiteral("address"), address },
-                               { QStringLiteral("name"), light.name },
-                               { QStringLiteral("ready"), ready } },
-                             describe(*m_session, address)
-                                     + (ready ? QLatin1String("  ready") : QLatin1String()));
+        const auto lights = m_host->lights();
+        for (const CorvelKX::Light *light : lights) {
+            QJsonObject fields = fieldsOf(*light);
+            fields.insert(QStringLiteral("ready"), light->isReady());
+            m_output->report(QStringLiteral("light"), fields,
+                             describe(*light) + QLatin1String(light->isReady() ? "  ready" : ""));
         }
         return EXIT_SUCCESS;
     }
 
-    Session *m_session;
+    CorvelKX::Host *m_host;
+    Waiter *m_waiter;
     Output *m_output;
     Interrupt *m_interrupt;
     Commands m_commands;
@@ -140,7 +129,8 @@ private:
 
 } // namespace
 
-int runShell(Session *session, Output *output, Interrupt *interrupt, const Waits &waits)
+int runShell(CorvelKX::Host *host, Waiter *waiter, Output *output, Interrupt *interrupt,
+             const Waits &waits)
 {
-    return Shell(session, output, interrupt, waits).run();
+    return Shell(host, waiter, output, interrupt, waits).run();
 }

@@ -9,4 +9,5 @@ class Interrupt;
     Returns 0, or the status of the last command that failed where nobody watches (the input is no
     terminal).
 */
-int runShell(Session *session, Output *output, Interrupt *interrupt, const Waits &waits);
+int runShell(CorvelKX::Host *host, Waiter *waiter, Output *output, Interrupt *interrupt,
+             const Waits &waits);

@@ -11,12 +11,15 @@ namespace {
 
 constexpr double longest = 86400;
 
+// Never deleted, for it is used when the process ends.
+QString *programName = nullptr;
+
 void logToStandardError(QtMsgType type, const QMessageLogContext &, const QString &message)
 {
-    if (type == QtFatalMsg) {
-        // The plugin's thread is stuck in a call, and Qt will not let it go.
-        QTextStream(stderr) << QCoreApplication::applicationName()
-                            << ": The Bluetooth service does not answer." << Qt::endl;
+    if (type == QtFatalMsg && message.startsWith(QLatin1String("QThread: Destroyed"))) {
+        // The plugin's thread still waits for an answer, and Qt would abort.
+        QTextStream(stderr) << *programName << ": The Bluetooth service does not answer."
+                            << Qt::endl;
         std::_Exit(EXIT_FAILURE);
     }
     QTextStream(stderr) << message << Qt::endl;
@@ -35,6 +38,23 @@ QString printable(const QString &text)
             safe += QStringLiteral("\\u%1").arg(uint(codePoint), 4, 16, QLatin1Char('0'));
     }
     return safe;
+}
+
+QString toHex(const QByteArray &data)
+{
+    return QString::fromLatin1(data.toHex());
+}
+
+QJsonObject about(const QString &address)
+{
+    return { { QStringLiteral("address"), address } };
+}
+
+QJsonObject about(const QString &address, const QByteArray &data)
+{
+    QJsonObject fields = about(address);
+    fields.insert(QStringLiteral("data"), toHex(data));
+    return fields;
 }
 
 std::optional<QByteArray> bytesFromHex(const QString &hex)
@@ -62,6 +82,7 @@ std::optional<std::chrono::milliseconds> fromSeconds(const QString &text)
 
 void showLog(bool show)
 {
+    programName = new QString(QCoreApplication::applicationName());
     qInstallMessageHandler(logToStandardError);
     QLoggingCategory::setFilterRules(
             show ? QStringLiteral("*.debug=false\ndefault.debug=true")

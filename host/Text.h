@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QJsonObject>
 #include <QString>
 
 #include <chrono>
@@ -8,6 +9,12 @@
 
 /*! \a text with everything that is not printable spelt as \\uXXXX. */
 QString printable(const QString &text);
+
+/*! \a data as a row of hexadecimal pairs. */
+QString toHex(const QByteArray &data);
+/*! The fields of a JSON object about a light, or about bytes that it sends or is sent. */
+QJsonObject about(const QString &address);
+QJsonObject about(const QString &address, const QByteArray &data);
 
 /*! The bytes that \a hex spells in pairs, or nothing where it spells none. */
 std::optional<QByteArray> bytesFromHex(const QString &hex);

@@ -2,12 +2,11 @@
 #include "Demo.h"
 #include "Interrupt.h"
 #include "Output.h"
-#include "Session.h"
 #include "Shell.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
-#include <QDir>
+#include <QFile>
 
 #include <cerrno>
 #include <cstring>
@@ -17,20 +16,20 @@ using std::chrono::milliseconds;
 
 namespace {
 
-constexpr int signalBase = 128;
 constexpr milliseconds closeLimit(5000);
+constexpr milliseconds scanTime(20000);
 
 constexpr char description[] =
         "Finds, connects and talks with CorvelKX lights through the plugin.\n"
         "\n"
         "Commands:\n"
         "  scan                   print each light once: type, address, name\n"
-        "  connect ADDRESS...     connect lights, tell when they are ready, let them go\n"
+        "  connect ADDRESS...     connect lights, tell when they are ready, disconnect\n"
         "  send ADDRESS HEX       send one payload and print what comes back\n"
         "  listen ADDRESS...      print what the lights send, until interrupted\n"
         "  single [HEX...]        the single-device client: send payloads, given or typed, to the\n"
         "                         light \"Corvel light(DM41)\" and print what it notifies\n"
-        "  demo                   the whole road, from the scan to the farewell\n"
+        "  demo                   show all of it with up to three lights\n"
         "  shell                  the same commands typed by hand; try help there\n"
         "\n"
         "Exit status: 0 what was asked happened; 1 it did not; 2 the command line is wrong;\n"
@@ -48,13 +47,6 @@ struct CommandLine
     bool json = false;
     bool order = false;
 };
-
-QString defaultPlugin()
-{
-    const QDir directory(QCoreApplication::applicationDirPath() + QLatin1Char('/')
-                         + QLatin1String(PLUGIN_DIR_FROM_BIN));
-    return QDir::cleanPath(directory.filePath(QStringLiteral("libCorvelKXBleDLL.so")));
-}
 
 std::optional<milliseconds> secondsOption(const QCommandLineParser &parser, const QString &name,
                                           QString *error)
@@ -102,7 +94,7 @@ CommandLine parse()
     option("plugin", "Load the plugin from <file>.", "file");
     option("log", "Show the debug log on the standard error output.");
     option("json", "Print one JSON object a line.");
-    option("timeout", "Wait at most <seconds> for each thing; 30 by default.", "seconds");
+    option("timeout", "Wait at most <seconds> for each operation; 30 by default.", "seconds");
     option("for", "Scan or listen for <seconds>; 20 and without an end by default.", "seconds");
     option("count", "Listen for <number> messages.", "number");
     option("answer", "Let send fail where no answer comes.");
@@ -119,8 +111,7 @@ CommandLine parse()
     if (parser.isSet(QStringLiteral("help")))
         parser.showHelp();
     line.words = parser.positionalArguments();
-    line.plugin = parser.isSet(QStringLiteral("plugin")) ? parser.value(QStringLiteral("plugin"))
-                                                         : defaultPlugin();
+    line.plugin = parser.value(QStringLiteral("plugin"));
     line.lights = parser.value(QStringLiteral("lights"));
     line.simulate = parser.isSet(QStringLiteral("simulate")) || !line.lights.isEmpty();
     line.log = parser.isSet(QStringLiteral("log"));
@@ -141,7 +132,7 @@ CommandLine parse()
 }
 
 // Becomes the program \a name beside this one; returns only to tell why not.
-QString becomeProgram(const QString &name, const QStringList &arguments)
+QString execProgram(const QString &name, const QStringList &arguments)
 {
     const QString program = QCoreApplication::applicationDirPath() + QLatin1Char('/') + name;
     const QStringList words = QStringList { program } + arguments;
@@ -164,12 +155,12 @@ QString enterVirtualLights(const CommandLine &line)
     if (!line.lights.isEmpty())
         arguments = { QStringLiteral("--lights"), line.lights };
     arguments += { QStringLiteral("--"), QCoreApplication::applicationFilePath() };
-    return becomeProgram(QStringLiteral("corvelkx-lights"),
-                         arguments + QCoreApplication::arguments().mid(1));
+    return execProgram(QStringLiteral("corvelkx-lights"),
+                       arguments + QCoreApplication::arguments().mid(1));
 }
 
 // The single-device client lives in a program of its own, for this one links nothing of ours.
-QString becomeSingle(const CommandLine &line)
+QString execSingle(const CommandLine &line)
 {
     QStringList arguments;
     if (line.log)
@@ -184,29 +175,51 @@ QString becomeSingle(const CommandLine &line)
     }
     if (line.order)
         arguments += QStringLiteral("--order");
-    return becomeProgram(QStringLiteral("corvelkx-single"), arguments + line.words.mid(1));
+    return execProgram(QStringLiteral("corvelkx-single"), arguments + line.words.mid(1));
 }
 
-int carryOut(const CommandLine &line, Session *session, Output *output, Interrupt *interrupt)
+int carryOut(const CommandLine &line, CorvelKX::Host *host, Waiter *waiter, Output *output,
+             Interrupt *interrupt)
 {
     const QString &name = line.words.first();
-    const QString address = line.words.value(1).toUpper();
     if (name == QLatin1String("demo"))
-        return Demo(session, output, line.waits.timeout).run() ? EXIT_SUCCESS : EXIT_FAILURE;
+        return Demo(host, waiter, output, line.waits.timeout).run() ? EXIT_SUCCESS : EXIT_FAILURE;
 
-    Commands commands(session, output, line.waits);
+    Commands commands(host, waiter, output, line.waits);
     if (name == QLatin1String("scan"))
-        return commands.scan(line.waits.duration);
-    printSignals(session, output);
+        return commands.scan(line.waits.duration.value_or(scanTime));
+    printEvents(host, output);
     if (name == QLatin1String("shell"))
-        return runShell(session, output, interrupt, line.waits);
+        return runShell(host, waiter, output, interrupt, line.waits);
     if (name == QLatin1String("send"))
-        return commands.send(address, line.words.at(2));
-    QStringList addresses;
-    for (const QString &word : line.words.mid(1))
-        addresses.append(word.toUpper());
-    return name == QLatin1String("listen") ? commands.listen(addresses)
-                                           : commands.connectLights(addresses);
+        return commands.send(line.words.at(1), line.words.at(2));
+    return name == QLatin1String("listen") ? commands.listen(line.words.mid(1))
+                                           : commands.connectLights(line.words.mid(1));
+}
+
+// Lets everything that happens be noticed by whoever waits.
+void watch(CorvelKX::Host *host, Waiter *waiter)
+{
+    using CorvelKX::Host;
+    QObject::connect(host, &Host::scanFinished, waiter, &Waiter::check);
+    QObject::connect(host, &Host::lightStateChanged, waiter, &Waiter::check);
+    QObject::connect(host, &Host::lightRemoved, waiter, &Waiter::check);
+    QObject::connect(host, &Host::messageReceived, waiter, &Waiter::check);
+}
+
+// Disconnects all lights, also after an interruption.
+void close(CorvelKX::Host *host, Waiter *waiter, Output *output)
+{
+    bool isClosed = false;
+    QObject::connect(host, &CorvelKX::Host::closed, waiter, [&](const QStringList &stillConnected) {
+        isClosed = true;
+        for (const QString &address : stillConnected)
+            output->complain(QStringLiteral("%1 did not disconnect.").arg(address));
+        waiter->check();
+    });
+    waiter->resume();
+    host->close(closeLimit);
+    waiter->waitUntil([&] { return isClosed; }, unlimited);
 }
 
 } // namespace
@@ -230,20 +243,21 @@ int main(int argc, char *argv[])
     }
 
     if (line.words.first() == QLatin1String("single")) {
-        output.complain(becomeSingle(line));
+        output.complain(execSingle(line));
         return EXIT_FAILURE;
     }
     showLog(line.log);
     Interrupt interrupt;
-    Session session;
-    QObject::connect(&interrupt, &Interrupt::interrupted, &session, &Session::interrupt);
-    QObject::connect(&output, &Output::closed, &session, &Session::interrupt);
-    const QString wrong = session.load(line.plugin);
-    if (!wrong.isEmpty()) {
-        output.complain(wrong);
+    Waiter waiter;
+    CorvelKX::Host host;
+    QObject::connect(&interrupt, &Interrupt::interrupted, &waiter, &Waiter::interrupt);
+    QObject::connect(&output, &Output::closed, &waiter, &Waiter::interrupt);
+    if (!host.load(line.plugin)) {
+        output.complain(host.errorString());
         return EXIT_FAILURE;
     }
-    const int status = carryOut(line, &session, &output, &interrupt);
-    session.close(closeLimit);
+    watch(&host, &waiter);
+    const int status = carryOut(line, &host, &waiter, &output, &interrupt);
+    close(&host, &waiter, &output);
     return interrupt.signalNumber() ? signalBase + interrupt.signalNumber() : status;
 }

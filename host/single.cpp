@@ -1,6 +1,7 @@
 // The single-device client at work. A program apart from the console host, because it links the
 // client, while the host shows that a host needs nothing of ours but the interface header.
 
+#include "ExitStatus.h"
 #include "Interrupt.h"
 #include "MYBLE.h"
 #include "Output.h"
@@ -21,9 +22,6 @@
 using std::chrono::milliseconds;
 
 namespace {
-
-constexpr int usageError = 2;
-constexpr int signalBase = 128;
 
 struct Options
 {
@@ -48,7 +46,8 @@ public:
         // The client tells nobody when it is ready, but its service objects are its children.
         m_client->installEventFilter(this);
         connect(m_client.get(), &MYBLE::dataReceived, this, [this](const QByteArray &data) {
-            m_output->report(QStringLiteral("received"), about(data),
+            m_output->report(QStringLiteral("received"),
+                             { { QStringLiteral("data"), toHex(data) } },
                              QStringLiteral("the light says ") + toHex(data));
         });
         connect(&m_limit, &QTimer::timeout, this, [this] {
@@ -79,12 +78,6 @@ public:
     }
 
 private:
-    static QString toHex(const QByteArray &data) { return QString::fromLatin1(data.toHex()); }
-    static QJsonObject about(const QByteArray &data)
-    {
-        return { { QStringLiteral("data"), toHex(data) } };
-    }
-
     void watchServices()
     {
         const auto services = m_client->findChildren<QLowEnergyService *>();
@@ -166,7 +159,7 @@ private:
             m_client->sendMessageOrder(payload);
         else
             m_client->sendMessage(payload);
-        m_output->report(QStringLiteral("sent"), about(payload),
+        m_output->report(QStringLiteral("sent"), { { QStringLiteral("data"), toHex(payload) } },
                          QStringLiteral("the light was sent ") + toHex(payload));
     }
 

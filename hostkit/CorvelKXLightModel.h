@@ -1,0 +1,65 @@
+#pragma once
+
+#include <QAbstractTableModel>
+#include <QList>
+#include <QSet>
+#include <QTimer>
+
+namespace CorvelKX {
+
+class Host;
+class Light;
+
+/*!
+    The lights of a Host as a table for item views: a row for each, in the order of Host::lights().
+    What changes quickly, the counts and the time of the last sighting, is updated at most twenty
+    times a second.
+
+    \b Thread and \b ownership. As for any model; the Host must live longer.
+    \b Failure. There is none.
+*/
+class LightModel : public QAbstractTableModel
+{
+    Q_OBJECT
+
+public:
+    enum Column {
+        Name,
+        ProtocolType,
+        Address,
+        State,
+        LastSeen,
+        SeenCount,
+        SentCount,
+        ReceivedCount
+    };
+    enum Role {
+        LightRole = Qt::UserRole, //!< the Light itself
+        SortRole                  //!< the value that a column is sorted by
+    };
+
+    explicit LightModel(Host *host, QObject *parent = nullptr);
+
+    Light *light(const QModelIndex &index) const;
+    QModelIndex indexOf(const Light *light, int column = 0) const;
+
+    int rowCount(const QModelIndex &parent = {}) const override;
+    int columnCount(const QModelIndex &parent = {}) const override;
+    /*! For Qt::DisplayRole, Qt::ToolTipRole (why a light is not ready) and the roles above. */
+    QVariant data(const QModelIndex &index, int role = Qt::DisplayRole) const override;
+    QVariant headerData(int section, Qt::Orientation orientation,
+                        int role = Qt::DisplayRole) const override;
+
+private:
+    void addRow(Light *light);
+    void removeRow(Light *light);
+    void update(Light *light, Column first, Column last);
+    void updateSoon(Light *light);
+    QVariant value(const Light &light, int column) const;
+
+    QList<Light *> m_lights;
+    QSet<Light *> m_changed; //!< to be told of when the timer runs out
+    QTimer m_timer;
+};
+
+} // namespace CorvelKX
