@@ -16,9 +16,11 @@ using Qt::StringLiterals::operator""_s;
 int main(int argc, char *argv[])
 {
     QCoreApplication app(argc, argv);
-    const QString way = app.arguments().value(1);
+    const QStringList words = QCoreApplication::arguments();
+    require(words.size() == 3, "Run it by scripts/ends.");
+    const QString &way = words.at(1);
     QLoggingCategory::setFilterRules(u"*.debug=false\n*.warning=false"_s);
-    QTimer::singleShot(app.arguments().value(2).toInt(), &app, &QCoreApplication::quit);
+    QTimer::singleShot(words.at(2).toInt(), &app, &QCoreApplication::quit);
 
     if (way == u"return"_s || way == u"unload"_s) {
         QPluginLoader loader(QStringLiteral(PLUGIN_FILE));

@@ -40,7 +40,7 @@ Demo::Demo(Host *host, Waiter *waiter, Output *output, std::chrono::milliseconds
     connect(host, &Host::lightAdded, this,
             [=](Light *light) { tell(library, QLatin1String("lightAdded ") + describe(*light)); });
     connect(host, &Host::lightStateChanged, this, [=](Light *light) {
-        const auto state = QMetaEnum::fromType<Light::State>().valueToKey(int(light->state()));
+        const char *state = QMetaEnum::fromType<Light::State>().valueToKey(int(light->state()));
         QString text = QStringLiteral("%1 %2").arg(light->address(), QLatin1String(state));
         if (light->state() == Light::State::Waiting)
             text += QStringLiteral(" (%1)").arg(light->reasonString());

@@ -96,16 +96,17 @@ void Host::watchPlugin()
 {
     // By name: the interface's own meta-object code is the business of whoever uses the interface
     // itself, and must not be in a program twice.
-    connect(m_plugin, SIGNAL(sigDeviceDiscovered(int, QString, QString)),
-            SLOT(onDiscovered(int, QString, QString)));
-    connect(m_plugin,
-            SIGNAL(sigDeviceDiscoveredErrorOccurred(QBluetoothDeviceDiscoveryAgent::Error)),
+    // clang-format off
+    connect(m_plugin, SIGNAL(sigDeviceDiscovered(int,QString,QString)),
+            SLOT(onDiscovered(int,QString,QString)));
+    connect(m_plugin, SIGNAL(sigDeviceDiscoveredErrorOccurred(QBluetoothDeviceDiscoveryAgent::Error)),
             SLOT(onScanError(QBluetoothDeviceDiscoveryAgent::Error)));
     connect(m_plugin, SIGNAL(sigDeviceDiscoveredFinished()), SLOT(onScanFinished()));
     connect(m_plugin, SIGNAL(sigDeviceConnected(QString)), SLOT(onConnected(QString)));
     connect(m_plugin, SIGNAL(sigDeviceDisconnected(QString)), SLOT(onDisconnected(QString)));
-    connect(m_plugin, SIGNAL(sigMessageReceived(QString, QByteArray)),
-            SLOT(onMessage(QString, QByteArray)));
+    connect(m_plugin, SIGNAL(sigMessageReceived(QString,QByteArray)),
+            SLOT(onMessage(QString,QByteArray)));
+    // clang-format on
 }
 
 QString Host::errorString() const
@@ -224,10 +225,13 @@ void Host::onDiscovered(int protocolType, const QString &address, const QString 
         emit light->nameChanged();
     }
 
+    // The adapter is there again where that was all that was missing.
+    const bool isAwaited = light->m_phase == Phase::Searching
+                           || (light->m_phase == Phase::Pausing
+                               && light->m_reason == Reason::BluetoothFailed);
     if (light->m_phase == Phase::Idle)
         enter(light, Phase::Idle);
-    else if (light->m_phase == Phase::Searching
-             || (light->m_phase == Phase::Pausing && light->m_reason == Reason::BluetoothFailed))
+    if (isAwaited)
         queue(light);
     emit light->seen();
     advance();
@@ -273,7 +277,7 @@ void Host::onScanFailed(QBluetoothDeviceDiscoveryAgent::Error error)
     case AgentError::UnsupportedDiscoveryMethod:
         return failScan(Error::NotSupported);
     default:
-        const auto name = QMetaEnum::fromType<AgentError::Error>().valueToKey(error);
+        const char *name = QMetaEnum::fromType<AgentError::Error>().valueToKey(error);
         return failScan(Error::ScanFailed, tr("The scan failed: %1.").arg(QLatin1String(name)));
     }
 }

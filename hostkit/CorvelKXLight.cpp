@@ -2,11 +2,14 @@
 
 #include "CorvelKXHost.h"
 
+#include <utility>
+
 using namespace std::chrono_literals;
 
 namespace CorvelKX {
 
-Light::Light(Host *host, const QString &address) : QObject(host), m_host(host), m_address(address)
+Light::Light(Host *host, QString address)
+    : QObject(host), m_host(host), m_address(std::move(address))
 {
 }
 

@@ -128,7 +128,7 @@ private:
     enum class Phase { Idle, Searching, Queued, Attempting, Ready, Removing, Pausing, Gone };
     enum class Wish { None, Once, Keep };
 
-    Light(Host *host, const QString &address);
+    Light(Host *host, QString address);
 
     Host *m_host;
     QString m_address;

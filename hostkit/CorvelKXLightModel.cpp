@@ -132,7 +132,7 @@ QVariant LightModel::data(const QModelIndex &index, int role) const
     case Qt::ToolTipRole:
         return index.column() == State ? shown->reasonString() : QVariant();
     case Qt::DisplayRole: {
-        const QVariant shownValue = value(*shown, index.column());
+        QVariant shownValue = value(*shown, index.column());
         if (index.column() == LastSeen)
             return shownValue.toDateTime().time().toString(QStringLiteral("HH:mm:ss"));
         if (index.column() == ProtocolType && shownValue == 0)

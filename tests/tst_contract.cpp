@@ -13,6 +13,7 @@
 #include <QTest>
 #include <QThread>
 
+#include <array>
 #include <memory>
 
 using Qt::StringLiterals::operator""_s;
@@ -153,11 +154,12 @@ void TestContract::relay()
     const QMetaObject &interface = CorvelKXBleInterface::staticMetaObject;
     LogRecorder log;
     for (int number = 0; number < arguments.size(); ++number) {
-        std::vector<std::unique_ptr<QSignalSpy>> spies;
+        std::array<std::unique_ptr<QSignalSpy>, 6> spies;
         for (int i = 0; i < arguments.size(); ++i)
-            spies.push_back(
-                    std::make_unique<QSignalSpy>(plugin.get(),
-                                                 interface.method(interface.methodOffset() + i)));
+            spies.at(std::size_t(i)) = std::make_unique<QSignalSpy>(plugin.get(),
+                                                                    interface.method(
+                                                                            interface.methodOffset()
+                                                                            + i));
         const QMetaObject *meta = plugin->metaObject();
         QVariantList given = arguments.at(number);
         void *slotArguments[4] = {};

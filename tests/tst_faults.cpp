@@ -436,7 +436,7 @@ void TestFaults::makeHost()
     QVERIFY(m_host->load(QStringLiteral(PLUGIN_FILE)));
     auto *kept = keptLight();
     connect(kept, &CorvelKX::Light::stateChanged, this, [this, kept] {
-        const auto reason = QMetaEnum::fromType<CorvelKX::Light::Reason>().valueToKey(
+        const char *reason = QMetaEnum::fromType<CorvelKX::Light::Reason>().valueToKey(
                 int(kept->reason()));
         if (m_isInjected && kept->reason() != CorvelKX::Light::Reason::None)
             m_reasons.append(QString::fromLatin1(reason));

@@ -46,16 +46,16 @@ void TestMessages::notifications()
         if (size > 0)
             expected.append(value);
     }
-    constexpr int count = 10000;
+    constexpr qsizetype count = 10000;
     for (const QLatin1String address : { secured, plain })
-        m_lights.order(u"burst"_s, { QString(address), count, 20, 0 });
+        m_lights.order(u"burst"_s, { QString(address), int(count), 20, 0 });
     const auto sizes = expected.size();
     QVERIFY(waitFor([&] { return m_received->size() == sizes + 2 * count; }));
     QCOMPARE(receivedFrom(secured).mid(0, sizes), expected);
     for (const QLatin1String address : { secured, plain }) {
         const auto numbered = receivedFrom(address).mid(address == secured ? sizes : 0);
         QCOMPARE(numbered.size(), count);
-        for (int i = 0; i < count; ++i)
+        for (qsizetype i = 0; i < count; ++i)
             QCOMPARE(qFromBigEndian<quint32>(numbered.at(i).constData()), quint32(i));
     }
     QCOMPARE(m_log->linesWith(u"Received data:"_s).size(), m_received->size());

@@ -37,7 +37,7 @@ QList<QVariantList> TestRecognition::receive(const QString &from, const QString 
     QSignalSpy discovered(&manager, &BLEManager::sigDeviceDiscovered);
     QMetaObject::invokeMethod(&manager, "slotDeviceDiscovered",
                               Q_ARG(QBluetoothDeviceInfo, device));
-    return discovered;
+    return discovered.mid(0);
 }
 
 void TestRecognition::advertisement_data()
