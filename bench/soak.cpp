@@ -22,7 +22,7 @@
 #include <chrono>
 #include <cstdio>
 #include <limits>
-#include <memory>
+#include <optional>
 
 using CorvelKX::Host;
 using CorvelKX::Light;
@@ -31,18 +31,16 @@ using namespace std::chrono_literals;
 
 namespace {
 
+constexpr int pollInterval = 20; // ms, for what tells nobody of a change
 constexpr int reportInterval = 1000;
 constexpr int mostOfAService = 12000; // bytes; scripts/bench measures one
-constexpr quint32 linesOfALife = 200; // with two lights and what they say
 
 // What the log tells, on whatever thread.
 std::atomic_int servicesMade = 0;
 std::atomic_int disconnectionsToTell = 0;
-std::atomic_int linesLeft = 0;
 
 void readLog(QtMsgType, const QMessageLogContext &, const QString &line)
 {
-    --linesLeft;
     if (line.contains(QLatin1String(" contains uuid. uuid: ")))
         ++servicesMade;
     const bool isLost = line.startsWith(QLatin1String("BLEManager::slotDeviceDisconnected"))
@@ -102,7 +100,6 @@ private:
     void onMessage(Light *light, const QByteArray &data);
     void breakSomething(Light *light);
     void breakSurroundings();
-    void comeToRest();
     void change(const QString &address, const char *key, const char *value);
     void later(const std::function<void()> &action);
 
@@ -112,7 +109,6 @@ private:
     QHash<Light *, QByteArray> m_payloads; // what each light was last asked
     QHash<Light *, QElapsedTimer> m_lost;
     QElapsedTimer m_elapsed;
-    QString m_failure;
     bool m_isResting = false;
     int m_cycles = 0;
     int m_disconnections = 0;
@@ -157,8 +153,8 @@ void Soak::onStateChanged(Light *light)
 
 void Soak::onMessage(Light *light, const QByteArray &data)
 {
-    if (!data.startsWith(light->address().toLatin1()))
-        m_failure = u"%1 says \"%2\""_s.arg(light->address(), QLatin1String(data));
+    require(data.startsWith(light->address().toLatin1()),
+            "A light sends what another one was sent.");
     if (data != m_payloads.value(light))
         return;
     // The time during which something else was broken as well is not the light's.
@@ -218,64 +214,47 @@ void Soak::breakSomething(Light *light)
 
 void Soak::breakSurroundings()
 {
-    struct Fault
-    {
-        const char *what;
-        const char *begin;
-        const char *end;
-    };
-    constexpr Fault faults[] = { { "adapter", "off", "on" },
-                                 { "adapter", "remove", "return" },
-                                 { "daemon", "leave", "return" },
-                                 { "daemon", "kill", "return" } };
-    const Fault fault = faults[m_random.bounded(4)];
-    order(fault.what, { QLatin1String(fault.begin) });
-    later([fault] { order(fault.what, { QLatin1String(fault.end) }); });
+    const QStringList faults[] = { { u"adapter"_s, u"off"_s, u"on"_s },
+                                   { u"adapter"_s, u"remove"_s, u"return"_s },
+                                   { u"daemon"_s, u"leave"_s, u"return"_s },
+                                   { u"daemon"_s, u"kill"_s, u"return"_s } };
+    const QStringList fault = faults[m_random.bounded(4)];
+    const QByteArray what = fault.at(0).toLatin1();
+    order(what, { fault.at(1) });
+    later([=] { order(what, { fault.at(2) }); });
 }
 
 void Soak::run(int cycles, QDeadlineTimer deadline)
 {
     const int goal = m_cycles + cycles;
+    const auto lights = m_host.lights();
     if (std::exchange(m_isResting, false)) {
-        const auto lights = m_host.lights();
         for (Light *light : lights)
             breakSomething(light);
     }
-    while (m_cycles < goal && !deadline.hasExpired() && m_failure.isEmpty()) {
+    while (m_cycles < goal && !deadline.hasExpired()) {
         const int before = m_cycles;
-        if (!waitFor([&] { return m_cycles > before || !m_failure.isEmpty(); }))
-            m_failure = u"nothing moves any more"_s;
+        require(waitFor([&] { return m_cycles > before; }));
     }
-    comeToRest();
-    require(m_failure.isEmpty(),
-            qPrintable(u"After %1 cycles: %2."_s.arg(m_cycles).arg(m_failure)));
-}
-
-// Nothing breaks any more, and each light is ready and answers.
-void Soak::comeToRest()
-{
+    // Nothing breaks any more, and each light is ready and answers.
     m_isResting = true;
-    const auto lights = m_host.lights();
-    const auto answers = [this](Light *light) {
-        return light->isReady() && !m_lost.contains(light);
+    const auto isLost = [this](Light *light) {
+        return !light->isReady() || m_lost.contains(light);
     };
-    const auto begin = m_elapsed.elapsed();
-    const auto ask = [&] {
-        if (m_elapsed.elapsed() - begin < 1000)
-            return false;
-        return m_faults == 0 && std::all_of(lights.cbegin(), lights.cend(), answers);
-    };
-    if (!waitFor(ask, 20)) {
-        for (Light *light : lights) {
-            if (!answers(light))
-                m_failure += u"%1 is %2; "_s.arg(light->address(), light->stateString());
-        }
+    if (!waitFor(
+                [&] {
+                    return m_faults == 0 && std::none_of(lights.cbegin(), lights.cend(), isLost);
+                },
+                pollInterval)) {
+        for (Light *light : lights)
+            std::printf("%s is %s.\n", qPrintable(light->address()),
+                        qPrintable(light->stateString()));
+        require(false, "A light does not come back.");
     }
     // What was told last has yet to arrive.
-    if (!waitFor([this] { return m_disconnections >= disconnectionsToTell; }, 20)
-        || m_disconnections != disconnectionsToTell)
-        m_failure += u"%1 disconnections were told of %2"_s.arg(m_disconnections)
-                             .arg(disconnectionsToTell.load());
+    require(waitFor([this] { return m_disconnections >= disconnectionsToTell; }, pollInterval)
+                    && m_disconnections == disconnectionsToTell,
+            "Not each disconnection was told once.");
 }
 
 Footprint Soak::report()
@@ -297,7 +276,7 @@ void Soak::close()
         isClosed = true;
     });
     m_host.close();
-    require(waitFor([&] { return isClosed && order("connected").isEmpty(); }, 20),
+    require(waitFor([&] { return isClosed && order("connected").isEmpty(); }, pollInterval),
             "A light stays connected.");
 }
 
@@ -312,50 +291,6 @@ void requireFlat(const Footprint &first, const Footprint &last, uint lights)
             "The heap, files, threads or matches grew.");
 }
 
-// Plugin objects that are made, and deleted at any moment, while lights talk: for ThreadSanitizer.
-void live(int lives, quint32 seed)
-{
-    QRandomGenerator random(seed);
-    const QStringList addresses = lightsHere().mid(0, 2);
-    int talked = 0;
-    for (int life = 0; life < lives; ++life) {
-        linesLeft = static_cast<int>(random.bounded(linesOfALife));
-        QPluginLoader loader(QStringLiteral(PLUGIN_FILE));
-        const std::unique_ptr<CorvelKXBleInterface> plugin(
-                qobject_cast<CorvelKXBleInterface *>(loader.instance()));
-        require(plugin != nullptr, qPrintable(loader.errorString()));
-        QStringList wanted = addresses;
-        bool hasTalked = false;
-        QObject::connect(plugin.get(), &CorvelKXBleInterface::sigDeviceDiscovered, plugin.get(),
-                         [&](int, const QString &address) {
-                             if (wanted.removeOne(address))
-                                 plugin->connectToDevice(address);
-                             if (wanted.isEmpty())
-                                 plugin->stop();
-                         });
-        QObject::connect(plugin.get(), &CorvelKXBleInterface::sigDeviceConnected, plugin.get(),
-                         [&](const QString &address) {
-                             for (char i = 0; i < 5; ++i)
-                                 plugin->sendMessage(address, QByteArray(20, i));
-                         });
-        QObject::connect(plugin.get(), &CorvelKXBleInterface::sigMessageReceived, plugin.get(),
-                         [&](const QString &address, const QByteArray &data) {
-                             hasTalked = true;
-                             plugin->sendMessage(address, data);
-                         });
-        plugin->start();
-        require(waitFor([&] { return linesLeft <= 0; }));
-        // An agent that is deleted while it scans would scan on, and be in the way of the next one.
-        linesLeft = 1;
-        plugin->stop();
-        require(waitFor([&] { return linesLeft <= 0; }));
-        talked += hasTalked;
-    }
-    // Short lives and long ones, or nothing was tried.
-    require(talked > 0 && talked < lives, "No life was long, or none was short.");
-    std::printf("%d lives, in %d of them a light talked.\n", lives, talked);
-}
-
 } // namespace
 
 int main(int argc, char *argv[])
@@ -366,16 +301,15 @@ int main(int argc, char *argv[])
     parser.setApplicationDescription(
             u"Keeps lights connected and breaks them at random. Run it by scripts/soak."_s);
     parser.addHelpOption();
-    parser.addOptions({
-            { u"minutes"_s, u"For how long (10)."_s, u"minutes"_s, u"10"_s },
-            { u"cycles"_s, u"End after so many cycles."_s, u"cycles"_s,
-              QString::number(std::numeric_limits<int>::max()) },
-            { u"slowness"_s, u"Multiply all time limits; more for a slow build (1)."_s, u"factor"_s,
-              u"1"_s },
-            { u"lives"_s, u"Make and delete so many plugin objects instead."_s, u"count"_s },
-            { u"seed"_s, u"Repeat what was done with this seed."_s, u"seed"_s,
-              QString::number(QRandomGenerator::global()->bounded(1000000)) },
-    });
+    const auto option = [&parser](const QString &name, const QString &text, const QString &value) {
+        parser.addOption({ name, text, u"number"_s, value });
+    };
+    option(u"minutes"_s, u"For how long (10)."_s, u"10"_s);
+    option(u"cycles"_s, u"End after so many cycles."_s,
+           QString::number(std::numeric_limits<int>::max()));
+    option(u"slowness"_s, u"Multiply all time limits, for a slow build (1)."_s, u"1"_s);
+    option(u"seed"_s, u"Repeat what was done with this seed."_s,
+           QString::number(QRandomGenerator::global()->bounded(1000000)));
     parser.process(app);
     const auto minutes = std::chrono::duration<double, std::ratio<60>>(
             parser.value(u"minutes"_s).toDouble());
@@ -386,21 +320,17 @@ int main(int argc, char *argv[])
             "--minutes, --cycles and --slowness take numbers above 0.");
     qInstallMessageHandler(readLog);
     std::printf("seed %u\n", seed);
-    if (parser.isSet(u"lives"_s)) {
-        live(parser.value(u"lives"_s).toInt(), seed);
-        return EXIT_SUCCESS;
-    }
     Soak soak(seed, slowness);
     const QDeadlineTimer deadline(std::chrono::duration_cast<std::chrono::seconds>(minutes));
-    // Two reports at the least, for they are compared.
-    const int interval = std::clamp(cycles / 2, 1, reportInterval);
     std::optional<Footprint> first;
     Footprint last;
     while (soak.cycles() < cycles && !deadline.hasExpired()) {
-        soak.run(std::min(interval, cycles - soak.cycles()), deadline);
+        // Two reports at the least, for they are compared.
+        const QDeadlineTimer quarter(std::chrono::duration_cast<std::chrono::seconds>(minutes / 4));
+        soak.run(std::min({ std::max(cycles / 2, 1), reportInterval, cycles - soak.cycles() }),
+                 std::min(deadline, quarter));
         last = soak.report();
-        if (!first)
-            first = last;
+        first = first.value_or(last);
     }
     soak.close();
     requireFlat(*first, last, uint(lightsHere().size()));

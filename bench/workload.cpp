@@ -30,7 +30,7 @@ using Microseconds = std::chrono::duration<double, std::micro>;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
 constexpr int payloadSize = 20;
-constexpr int lookInterval = 5; // ms, for what tells nobody of a change
+constexpr int pollInterval = 5; // ms, for what tells nobody of a change
 
 double processorTime()
 {
@@ -98,24 +98,29 @@ QJsonObject named(const char *name, double value)
     return { { QLatin1String(name), value } };
 }
 
-void find(Central *central, const QStringList &addresses)
+// Does \a begin, and returns when \a teller has told of each light.
+template<typename Teller>
+void awaitAll(Teller *teller, const QStringList &addresses, const std::function<void()> &begin)
 {
     QSet<QString> missing(addresses.cbegin(), addresses.cend());
-    central->found = [&missing](const QString &address) { missing.remove(address); };
-    central->startScan();
+    *teller = [&missing](const QString &address, auto...) { missing.remove(address); };
+    begin();
     require(waitFor([&missing] { return missing.isEmpty(); }));
+    *teller = [](auto...) {};
+}
+
+void find(Central *central, const QStringList &addresses)
+{
+    awaitAll(&central->found, addresses, [central] { central->startScan(); });
     central->stopScan();
-    central->found = [](const QString &) {};
 }
 
 void connectAll(Central *central, const QStringList &addresses)
 {
-    QSet<QString> missing(addresses.cbegin(), addresses.cend());
-    central->ready = [&missing](const QString &address) { missing.remove(address); };
-    for (const QString &address : addresses)
-        central->connectTo(address);
-    require(waitFor([&missing] { return missing.isEmpty(); }));
-    central->ready = [](const QString &) {};
+    awaitAll(&central->ready, addresses, [&] {
+        for (const QString &address : addresses)
+            central->connectTo(address);
+    });
 }
 
 // Ready, and all that goes with it done: the light answers.
@@ -123,13 +128,10 @@ void bringUp(Central *central, const QStringList &addresses)
 {
     find(central, addresses);
     connectAll(central, addresses);
-    QSet<QString> missing(addresses.cbegin(), addresses.cend());
-    central->received = [&missing](const QString &address, const QByteArray &) {
-        missing.remove(address);
-    };
-    for (const QString &address : addresses)
-        central->send(address, "hello");
-    require(waitFor([&missing] { return missing.isEmpty(); }));
+    awaitAll(&central->received, addresses, [&] {
+        for (const QString &address : addresses)
+            central->send(address, "hello");
+    });
 }
 
 QJsonObject calls(Central *central, const QStringList &addresses, int)
@@ -140,17 +142,13 @@ QJsonObject calls(Central *central, const QStringList &addresses, int)
             [] {
                 return order("report").constFirst().contains(QLatin1String("\"scanning\":false"));
             },
-            lookInterval));
+            pollInterval));
     order("reset");
     connectAll(central, addresses);
-    bool isAnswered = false;
-    central->received = [&](const QString &, const QByteArray &) { isAnswered = true; };
-    central->send(addresses.constFirst(), QByteArray(payloadSize, 'x'));
-    require(waitFor([&] { return isAnswered; }));
-    bool isGone = false;
-    central->gone = [&](const QString &) { isGone = true; };
-    central->letGo(addresses.constFirst());
-    require(waitFor([&] { return isGone; }));
+    const QString &light = addresses.constFirst();
+    awaitAll(&central->received, addresses,
+             [&] { central->send(light, QByteArray(payloadSize, 'x')); });
+    awaitAll(&central->gone, addresses, [&] { central->letGo(light); });
     double total = 0;
     const QStringList lines = order("calls");
     for (const QString &line : lines)
@@ -235,20 +233,11 @@ QJsonObject writes(Central *central, const QStringList &addresses, int count)
     return result;
 }
 
-QJsonObject ready(Central *central, const QStringList &, int)
+QJsonObject ready(Central *central, const QStringList &addresses, int)
 {
-    bool isReady = false;
-    bool isSeen = false;
-    central->found = [&](const QString &address) {
-        if (std::exchange(isSeen, true))
-            return;
-        central->stopScan();
-        central->connectTo(address);
-    };
-    central->ready = [&](const QString &) { isReady = true; };
     const auto begin = Clock::now();
-    central->startScan();
-    require(waitFor([&] { return isReady; }));
+    find(central, addresses);
+    connectAll(central, addresses);
     return named("milliseconds", Milliseconds(Clock::now() - begin).count());
 }
 
@@ -279,6 +268,13 @@ QJsonObject connectedBytes(Central *central, const QStringList &addresses, int)
     return named("bytes", double(heapSize() - before) / double(addresses.size() - 1));
 }
 
+QBluetoothDeviceInfo advertisement(quint64 address, const QByteArray &bytes)
+{
+    QBluetoothDeviceInfo info(QBluetoothAddress(address), QStringLiteral("Corvel light(Desk)"), 0);
+    info.setManufacturerData(0xFFFF, bytes);
+    return info;
+}
+
 QJsonObject recognition(Central *, const QStringList &, int count)
 {
     BLEManager manager;
@@ -286,17 +282,17 @@ QJsonObject recognition(Central *, const QStringList &, int count)
     auto *agent = manager.findChild<QBluetoothDeviceDiscoveryAgent *>();
     QJsonObject result;
     for (const bool isSupported : { true, false }) {
-        QBluetoothDeviceInfo info(QBluetoothAddress(QStringLiteral("C0:FF:EE:00:00:01")),
-                                  QStringLiteral("Corvel light(Desk)"), 0);
-        info.setManufacturerData(0xFFFF, QByteArray::fromHex(isSupported ? "3c0100000300"
-                                                                         : "10020000030000")
-                                                 .append(6, '\1'));
+        const QBluetoothDeviceInfo info = advertisement(0xC0FFEE000001,
+                                                        QByteArray::fromHex(
+                                                                isSupported
+                                                                        ? "3c0100000300010101010101"
+                                                                        : "1002000003"));
         const auto begin = Clock::now();
         for (int i = 0; i < count; ++i)
             emit agent->deviceDiscovered(info);
+        const std::chrono::duration<double, std::nano> elapsed = Clock::now() - begin;
         result.insert(isSupported ? QStringLiteral("supported") : QStringLiteral("foreign"),
-                      std::chrono::duration<double, std::nano>(Clock::now() - begin).count()
-                              / count);
+                      elapsed.count() / count);
     }
     return result;
 }
@@ -306,13 +302,10 @@ QJsonObject knownBytes(Central *, const QStringList &, int count)
     BLEManager manager;
     manager.init();
     auto *agent = manager.findChild<QBluetoothDeviceDiscoveryAgent *>();
+    const auto bytes = QByteArray::fromHex("3c0100000300010101010101");
     const qint64 before = heapSize();
-    for (int i = 0; i < count; ++i) {
-        QBluetoothDeviceInfo info(QBluetoothAddress(0xC0FFEE000000ULL + quint64(i)),
-                                  QStringLiteral("Corvel light(%1)").arg(i), 0);
-        info.setManufacturerData(0xFFFF, QByteArray::fromHex("3c0100000300010101010101"));
-        emit agent->deviceDiscovered(info);
-    }
+    for (int i = 0; i < count; ++i)
+        emit agent->deviceDiscovered(advertisement(0xC0FFEE000000 + quint64(i), bytes));
     return named("bytes", double(heapSize() - before) / count);
 }
 

@@ -25,6 +25,9 @@ doxygen_add_docs(docs
     docs/host-guide.md
     docs/performance.md
     docs/lights.md
+    hostkit/CorvelKXHost.h
+    hostkit/CorvelKXLight.h
+    hostkit/CorvelKXLightModel.h
     plugin/CorvelKXBleInterface.h
     singleclient/MYBLE.h
     COMMENT "Writing the API documentation")

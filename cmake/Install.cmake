@@ -9,13 +9,16 @@ configure_package_config_file(cmake/CorvelKXBleConfig.cmake.in CorvelKXBleConfig
     INSTALL_DESTINATION "${package_dir}" NO_SET_AND_CHECK_MACRO)
 write_basic_package_version_file(CorvelKXBleConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 
-install(TARGETS CorvelKXBleDLL corvelkx_interface corvelkx_singleclient
+install(TARGETS CorvelKXBleDLL corvelkx_interface corvelkx_hostkit corvelkx_singleclient
     EXPORT CorvelKXBleTargets
     LIBRARY DESTINATION "${CORVELKX_PLUGIN_DIR}"
     ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}")
 install(EXPORT CorvelKXBleTargets NAMESPACE CorvelKX:: DESTINATION "${package_dir}")
 install(TARGETS corvelkx-host corvelkx-lights corvelkx-single)
 install(FILES
+    hostkit/CorvelKXHost.h
+    hostkit/CorvelKXLight.h
+    hostkit/CorvelKXLightModel.h
     plugin/CorvelKXBleInterface.h
     singleclient/MYBLE.h
     "${version_header}"
