@@ -302,7 +302,7 @@ void Host::onConnected(const QString &address)
     if (light->m_wish == Wish::None) { // an attempt that was given up before
         letGo(light, light->m_reason);
     } else {
-        light->m_failures = 0;
+        light->m_failures = light->m_timeouts = 0;
         light->m_giveUp = QDeadlineTimer::Forever;
         enter(light, Phase::Ready, QDeadlineTimer::Forever, Reason::None);
     }
@@ -362,7 +362,7 @@ void Host::want(Light *light, Wish wish, QDeadlineTimer giveUp)
     setWish(light, wish);
     light->m_giveUp = light->isReady() ? QDeadlineTimer::Forever : giveUp;
     if (light->m_phase == Phase::Idle) {
-        light->m_failures = 0;
+        light->m_failures = light->m_timeouts = 0;
         begin(light, Reason::None);
     } else {
         enter(light, light->m_phase, light->m_deadline); // it was being disconnected, perhaps
@@ -439,7 +439,8 @@ void Host::attempt(Light *light)
     light->m_settled = QDeadlineTimer(m_times.settling);
     light->m_freshUntil = QDeadlineTimer(0);
     enter(light, Phase::Attempting,
-          QDeadlineTimer(grown(m_times.attempt, m_times.longestAttempt, light->m_failures)));
+          QDeadlineTimer(grown(m_times.attempt, m_times.longestAttempt,
+                               std::max(0, light->m_timeouts - 1))));
     m_hasAnswered = false;
     // After a disconnection the plugin may be reconnecting the light by itself.
     if (std::exchange(light->m_wasLost, false))
@@ -469,7 +470,7 @@ void Host::onRemoved(Light *light)
     } else if (light->m_wish == Wish::None) {
         enter(light, Phase::Idle);
     } else if (light->m_reason == Reason::Requested) {
-        light->m_failures = 0; // wanted again meanwhile
+        light->m_failures = light->m_timeouts = 0; // wanted again meanwhile
         begin(light, Reason::None);
     } else {
         fail(light, light->m_reason);
@@ -501,6 +502,7 @@ void Host::expire(Light *light)
             return fail(light, light->m_reason);
         return begin(light, light->m_reason);
     case Phase::Attempting:
+        ++light->m_timeouts;
         return letGo(light, Reason::TimedOut);
     case Phase::Ready:
         return letGo(light, Reason::NoAnswer);

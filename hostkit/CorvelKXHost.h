@@ -36,6 +36,7 @@ class Host : public QObject
     Q_PROPERTY(bool scanning READ isScanning NOTIFY scanningChanged)
 
 public:
+    /*! What keeps the host from its lights. */
     enum class Error {
         NoError,
         PluginError,   //!< the plugin cannot be loaded
@@ -48,19 +49,18 @@ public:
     };
     Q_ENUM(Error)
 
-    /*! Times for everything that may take too long. Those of the plugin's own are not among them.
-     */
+    /*! Times for everything that may take too long. The plugin's own are not among them. */
     struct Times
     {
-        //! The limit of one attempt to connect a light; doubled for each failure in a row, up to
-        //! the longest.
+        //! The limit of one attempt to connect a light; from the second attempt in a row that took
+        //! too long, doubled for each one, up to the longest.
         std::chrono::milliseconds attempt { 6000 };
-        std::chrono::milliseconds longestAttempt { 30000 };
+        std::chrono::milliseconds longestAttempt { 30000 }; //!< to which an attempt's limit grows
         //! How long a light may take to disconnect.
         std::chrono::milliseconds disconnection { 2500 };
         //! From one try to the next one; doubled for each failure in a row, up to the longest.
         std::chrono::milliseconds pause { 500 };
-        std::chrono::milliseconds longestPause { 8000 };
+        std::chrono::milliseconds longestPause { 8000 }; //!< to which a pause grows
         //! The limit for an answer to a payload; without one, none is expected.
         std::chrono::milliseconds answer { 0 };
         //! How long an attempt that is under way holds up scans and other attempts.
@@ -69,6 +69,7 @@ public:
         std::chrono::milliseconds gathering { 500 };
     };
 
+    /*! Makes a host without a plugin; load() comes next. */
     explicit Host(QObject *parent = nullptr);
     ~Host() override;
 
@@ -78,12 +79,17 @@ public:
         loaded; if not, error() is PluginError.
     */
     bool load(const QString &fileName = {});
+    /*! Whether the plugin is loaded, and close() has not deleted its object. */
     bool isLoaded() const { return m_plugin; }
 
+    /*! What keeps the host from its lights at the moment. */
     Error error() const { return m_error; }
+    /*! The same as a sentence for people; empty for NoError. */
     QString errorString() const;
 
+    /*! The limits and pauses; changed ones count from the next attempt on. */
     const Times &times() const { return m_times; }
+    /*! \copydoc times() */
     void setTimes(const Times &times) { m_times = times; }
 
     /*!
@@ -91,6 +97,7 @@ public:
         connected. Emits lightAdded() for each light that is new, and Light::seen().
     */
     void startScan(std::chrono::milliseconds duration = std::chrono::seconds(20));
+    /*! Ends the scan that startScan() started. Lights that are looked for are still scanned for. */
     void stopScan();
     /*! Whether a scan was started and is not over. */
     bool isScanning() const { return m_isScanWanted; }
@@ -112,7 +119,9 @@ public:
     void close(std::chrono::milliseconds limit = std::chrono::seconds(5));
 
 signals:
+    /*! error() or errorString() changed. */
     void errorChanged();
+    /*! isScanning() changed. */
     void scanningChanged();
     /*! A scan that was started is over: by its time, stopScan() or an error. */
     void scanFinished();
@@ -120,9 +129,11 @@ signals:
     void lightAdded(CorvelKX::Light *light);
     /*! \a light was forgotten and is about to be deleted. */
     void lightRemoved(CorvelKX::Light *light);
-    /*! What each light tells by its own signals seen(), stateChanged() and messageReceived(). */
+    /*! \a light emitted Light::seen(). */
     void lightSeen(CorvelKX::Light *light);
+    /*! \a light emitted Light::stateChanged(). */
     void lightStateChanged(CorvelKX::Light *light);
+    /*! \a light emitted Light::messageReceived() with \a data. */
     void messageReceived(CorvelKX::Light *light, const QByteArray &data);
     /*! close() is done; \a stillConnected are the addresses of those that did not go in time. */
     void closed(const QStringList &stillConnected);

@@ -34,6 +34,7 @@ class Light : public QObject
                        keepConnectedChanged)
 
 public:
+    /*! Where a light is between unknown and ready. */
     enum class State {
         Unseen,        //!< has not been seen, and nobody asked for a connection
         Seen,          //!< was seen, is not connected, and nobody asks for a connection
@@ -45,6 +46,7 @@ public:
     };
     Q_ENUM(State)
 
+    /*! Why a light is not ready. */
     enum class Reason {
         None,            //!< nothing went wrong
         NotSeen,         //!< a whole scan did not find it
@@ -63,9 +65,11 @@ public:
     /*! One of 1, 2, 3, 5, 6, 7, 162, 163 and 1001; 0 until the light is seen. */
     int protocolType() const { return m_protocolType; }
 
+    /*! Where the light is now. */
     State state() const { return m_state; }
     /*! The state as a word for people. */
     QString stateString() const;
+    /*! Whether the state is Ready. */
     bool isReady() const { return m_state == State::Ready; }
     /*! Why the light is not ready, or was last lost. None while it is ready. */
     Reason reason() const { return m_reason; }
@@ -74,9 +78,11 @@ public:
 
     /*! When the light was last seen in a scan; null if it was not. */
     QDateTime lastSeen() const { return m_lastSeen; }
-    /*! How often it was seen, and how many payloads it was sent and messages it sent. */
+    /*! How often the light was seen. */
     quint64 seenCount() const { return m_seenCount; }
+    /*! How many payloads the light was sent. */
     quint64 sentCount() const { return m_sentCount; }
+    /*! How many messages the light sent. */
     quint64 receivedCount() const { return m_receivedCount; }
 
     /*!
@@ -98,6 +104,7 @@ public:
         pauses, until told otherwise. Without, it stays connected as long as the link lasts.
     */
     void setKeepConnected(bool keep);
+    /*! Whether the light is to be kept connected. */
     bool keepsConnected() const { return m_wish == Wish::Keep; }
 
     /*!
@@ -107,11 +114,11 @@ public:
     */
     bool send(const QByteArray &data);
 
-    /*! Disconnects the light and removes it from its Host; a scan may find it again, as a new one.
-     */
+    /*! Disconnects the light and removes it from its Host. A scan may find it again, as a new one. */
     void forget();
 
 signals:
+    /*! The state changed to \a state, or the reason did. */
     void stateChanged(CorvelKX::Light::State state);
     /*! The light sent \a data in one notification; never empty, and in order. */
     void messageReceived(const QByteArray &data);
@@ -121,6 +128,7 @@ signals:
     void seen();
     /*! The name or the protocol type changed. */
     void nameChanged();
+    /*! keepsConnected() changed. */
     void keepConnectedChanged();
 
 private:
@@ -149,6 +157,7 @@ private:
     QDeadlineTimer m_freshUntil; //!< how long it can be connected without being seen again
     QDeadlineTimer m_nextTry;    //!< the end of the pause
     int m_failures = 0;          //!< in a row
+    int m_timeouts = 0;          //!< attempts in a row that took too long
     bool m_isForgotten = false;
     bool m_wasLost = false;    //!< the plugin may be reconnecting it by itself
     bool m_joinedLate = false; //!< the scan had begun before the light was looked for

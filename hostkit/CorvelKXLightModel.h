@@ -23,6 +23,7 @@ class LightModel : public QAbstractTableModel
     Q_OBJECT
 
 public:
+    /*! What is shown of a light. */
     enum Column {
         Name,
         ProtocolType,
@@ -33,20 +34,27 @@ public:
         SentCount,
         ReceivedCount
     };
+    /*! What data() tells beside texts. */
     enum Role {
         LightRole = Qt::UserRole, //!< the Light itself
         SortRole                  //!< the value that a column is sorted by
     };
 
+    /*! Shows the lights of \a host. */
     explicit LightModel(Host *host, QObject *parent = nullptr);
 
+    /*! The light in the row of \a index; null if there is none. */
     Light *light(const QModelIndex &index) const;
+    /*! The index of \a light in \a column; invalid if it is not there. */
     QModelIndex indexOf(const Light *light, int column = 0) const;
 
+    /*! One for each light. */
     int rowCount(const QModelIndex &parent = {}) const override;
+    /*! One for each Column. */
     int columnCount(const QModelIndex &parent = {}) const override;
     /*! For Qt::DisplayRole, Qt::ToolTipRole (why a light is not ready) and the roles above. */
     QVariant data(const QModelIndex &index, int role = Qt::DisplayRole) const override;
+    /*! The titles of the columns. */
     QVariant headerData(int section, Qt::Orientation orientation,
                         int role = Qt::DisplayRole) const override;
 
