@@ -1,20 +1,23 @@
-# What a host team gets: the plugin, the headers, the single-device client, the programs, the
-# documents, and a CMake package that finds them wherever they were put.
+# What a host team gets, in three parts: the plugin, which an application needs to run; the programs;
+# and what hosts are built with, with a CMake package that finds all of it wherever it was put.
 include(CMakePackageConfigHelpers)
 
-set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/CorvelKXBle")
+set(package_dir lib/cmake/CorvelKXBle)
 set(version_header "${PROJECT_BINARY_DIR}/include/CorvelKXVersion.h")
 configure_file(cmake/CorvelKXVersion.h.in "${version_header}" @ONLY)
 configure_package_config_file(cmake/CorvelKXBleConfig.cmake.in CorvelKXBleConfig.cmake
     INSTALL_DESTINATION "${package_dir}" NO_SET_AND_CHECK_MACRO)
 write_basic_package_version_file(CorvelKXBleConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 
-install(TARGETS CorvelKXBleDLL corvelkx_interface corvelkx_hostkit corvelkx_singleclient
-    EXPORT CorvelKXBleTargets
-    LIBRARY DESTINATION "${CORVELKX_PLUGIN_DIR}"
-    ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}")
+install(TARGETS CorvelKXBleDLL EXPORT CorvelKXBleTargets
+    LIBRARY DESTINATION "${CORVELKX_PLUGIN_DIR}" COMPONENT plugin)
+install(TARGETS corvelkx-lights EXPORT CorvelKXBleTargets RUNTIME COMPONENT tools)
+install(TARGETS corvelkx-host corvelkx-single RUNTIME COMPONENT tools)
+
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME development)
+install(TARGETS corvelkx_interface corvelkx_hostkit corvelkx_singleclient
+    EXPORT CorvelKXBleTargets ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}")
 install(EXPORT CorvelKXBleTargets NAMESPACE CorvelKX:: DESTINATION "${package_dir}")
-install(TARGETS corvelkx-host corvelkx-lights corvelkx-single)
 install(FILES
     hostkit/CorvelKXHost.h
     hostkit/CorvelKXLight.h
@@ -27,18 +30,8 @@ install(FILES
     "${PROJECT_BINARY_DIR}/CorvelKXBleConfig.cmake"
     "${PROJECT_BINARY_DIR}/CorvelKXBleConfigVersion.cmake"
     DESTINATION "${package_dir}")
-install(FILES README.md CHANGELOG.md DESTINATION "${CMAKE_INSTALL_DOCDIR}")
-install(DIRECTORY docs/ DESTINATION "${CMAKE_INSTALL_DOCDIR}/docs" FILES_MATCHING PATTERN "*.md")
-
-set(CPACK_GENERATOR TGZ DEB)
-set(CPACK_PACKAGE_NAME corvelkx-ble)
-set(CPACK_PACKAGE_CONTACT "The CorvelKX team <corvelkx@example.org>")
-set(CPACK_PACKAGE_DIRECTORY "${PROJECT_BINARY_DIR}/packages")
-set(CPACK_STRIP_FILES ON)
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-# Hosts are built against Qt's headers; the virtual lights start a bus of their own.
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "dbus-daemon, qt6-base-dev (>= 6.4), qt6-connectivity-dev (>= 6.4)")
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS bluez)
-include(CPack)
+set(documents "${CMAKE_INSTALL_DATADIR}/doc/corvelkx-ble-dev")
+install(FILES README.md CHANGELOG.md CONTRIBUTING.md DESTINATION "${documents}")
+install(DIRECTORY docs/ DESTINATION "${documents}/docs"
+    FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "*.png")
+include(cmake/Packages.cmake)

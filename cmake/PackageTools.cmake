@@ -1,0 +1,10 @@
+# Without these, CPack makes a package that lacks its dependencies, or none without a reason.
+if(CPACK_GENERATOR STREQUAL "DEB")
+    foreach(tool file dpkg-shlibdeps)
+        find_program(found_${tool} ${tool})
+        if(NOT found_${tool})
+            message(FATAL_ERROR "The program ${tool} is missing, so the dependencies of a .deb "
+                "cannot be computed; scripts/package installs it.")
+        endif()
+    endforeach()
+endif()
