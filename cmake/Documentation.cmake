@@ -9,9 +9,10 @@ set(DOXYGEN_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/docs")
 set(DOXYGEN_EXTRACT_ALL NO)
 set(DOXYGEN_GENERATE_LATEX NO)
 set(DOXYGEN_HAVE_DOT NO)
+set(DOXYGEN_IMAGE_PATH docs)
 set(DOXYGEN_HIDE_UNDOC_CLASSES YES)
 set(DOXYGEN_MACRO_EXPANSION YES)
-set(DOXYGEN_PREDEFINED "Q_OBJECT=" "Q_DECLARE_INTERFACE(a,b)=")
+set(DOXYGEN_PREDEFINED "Q_OBJECT=" "Q_PROPERTY(a)=" "Q_DECLARE_INTERFACE(a,b)=")
 set(DOXYGEN_USE_MDFILE_AS_MAINPAGE docs/README.md)
 set(DOXYGEN_WARN_AS_ERROR FAIL_ON_WARNINGS)
 set(DOXYGEN_WARN_IF_UNDOCUMENTED YES)
@@ -23,8 +24,9 @@ doxygen_add_docs(docs
     docs/README.md
     docs/faults.md
     docs/host-guide.md
-    docs/performance.md
     docs/lights.md
+    docs/performance.md
+    docs/plugin.md
     hostkit/CorvelKXHost.h
     hostkit/CorvelKXLight.h
     hostkit/CorvelKXLightModel.h

@@ -26,7 +26,7 @@ constexpr int pollInterval = 50;
 const QString stopLine = u"[BLEManager::stop] enter..."_s;
 constexpr QLatin1String light("C0:FF:EE:00:00:03");
 
-// A moment of the road: the worker thread is just about to write this line of its log.
+// A moment of the connection sequence: the worker thread is just about to write this line of its log.
 struct Step
 {
     const char *name;
@@ -39,8 +39,8 @@ constexpr Step steps[] = {
     { "connecting", "QLowEnergyController::ConnectingState" },
     { "discovering services", "QLowEnergyController::DiscoveringState" },
     { "discovering details", "state: QLowEnergyService::RemoteServiceDiscovering" },
-    { "binding", "update m_characteristicsMap. mac addr:" },
-    { "bound and busy", "Received data:" },
+    { "subscribing", "update m_characteristicsMap. mac addr:" },
+    { "ready and busy", "Received data:" },
 };
 
 struct Order
@@ -402,7 +402,7 @@ void TestFaults::faultAtStep()
     const QString expected = m_expected.value(QString::fromLatin1(m_fault.name)).value(m_step);
     QVERIFY(!expected.isEmpty());
     QString expectedSeen = expected.section(u"; "_s, 0, 0);
-    if (expectedSeen == QLatin1String("silence") || expectedSeen == QLatin1String("no effect"))
+    if (expectedSeen == QLatin1String("no signal") || expectedSeen == QLatin1String("no effect"))
         expectedSeen.clear();
     makePlugin();
     m_plugin->start();
