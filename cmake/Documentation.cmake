@@ -27,6 +27,7 @@ doxygen_add_docs(docs
     docs/lights.md
     docs/performance.md
     docs/plugin.md
+    docs/testing.md
     hostkit/CorvelKXHost.h
     hostkit/CorvelKXLight.h
     hostkit/CorvelKXLightModel.h

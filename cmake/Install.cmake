@@ -3,10 +3,11 @@
 include(CMakePackageConfigHelpers)
 
 set(package_dir lib/cmake/CorvelKXBle)
+set(interface_dir "${CMAKE_INSTALL_DATADIR}/dbus-1/interfaces")
 set(version_header "${PROJECT_BINARY_DIR}/include/CorvelKXVersion.h")
 configure_file(cmake/CorvelKXVersion.h.in "${version_header}" @ONLY)
 configure_package_config_file(cmake/CorvelKXBleConfig.cmake.in CorvelKXBleConfig.cmake
-    INSTALL_DESTINATION "${package_dir}" NO_SET_AND_CHECK_MACRO)
+    INSTALL_DESTINATION "${package_dir}" PATH_VARS interface_dir NO_SET_AND_CHECK_MACRO)
 write_basic_package_version_file(CorvelKXBleConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 
 install(TARGETS CorvelKXBleDLL EXPORT CorvelKXBleTargets
@@ -30,6 +31,8 @@ install(FILES
     "${PROJECT_BINARY_DIR}/CorvelKXBleConfig.cmake"
     "${PROJECT_BINARY_DIR}/CorvelKXBleConfigVersion.cmake"
     DESTINATION "${package_dir}")
+install(FILES "${PROJECT_BINARY_DIR}/simulator/org.example.CorvelKXLights1.xml"
+    DESTINATION "${interface_dir}")
 set(documents "${CMAKE_INSTALL_DATADIR}/doc/corvelkx-ble-dev")
 install(FILES README.md CHANGELOG.md CONTRIBUTING.md DESTINATION "${documents}")
 install(DIRECTORY docs/ DESTINATION "${documents}/docs"
