@@ -247,13 +247,17 @@ void TestFaults::inject(const QString &line)
     };
     if (m_step == Busy)
         Lights::ask(u"burst"_s, { QString(light), 200, 20, 0 });
-    if (m_fault.hostAction)
-        QMetaObject::invokeMethod(this, &TestFaults::doHostAction, Qt::QueuedConnection);
-    else if (m_fault.isEvent && m_step == Connecting)
+    if (m_fault.hostAction) {
+        // The worker thread goes on once the command is queued; destroying it must not wait for it.
+        const bool isEnd = m_fault.hostAction == &TestFaults::destroy;
+        QMetaObject::invokeMethod(this, &TestFaults::doHostAction,
+                                  isEnd ? Qt::QueuedConnection : Qt::BlockingQueuedConnection);
+    } else if (m_fault.isEvent && m_step == Connecting) {
         QTimer::singleShot(0, QAbstractEventDispatcher::instance(),
                            begin); // once the connection was asked for
-    else
+    } else {
         begin();
+    }
 }
 
 void TestFaults::doHostAction()
