@@ -6,10 +6,12 @@
 #include <QFile>
 #include <QRandomGenerator>
 #include <QTest>
+#include <QThread>
 #include <QTimer>
 
-#include <chrono>
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <utility>
 
 using Qt::StringLiterals::operator""_s;
@@ -20,6 +22,14 @@ namespace {
 constexpr std::chrono::minutes waitLimit(2);
 
 } // namespace
+
+std::chrono::milliseconds scaled(std::chrono::milliseconds time)
+{
+    double load = 0;
+    getloadavg(&load, 1);
+    const double factor = std::max(1.0, load / (2 * QThread::idealThreadCount()));
+    return std::chrono::duration_cast<std::chrono::milliseconds>(time * factor);
+}
 
 bool waitFor(const std::function<bool()> &done, int pollInterval)
 {

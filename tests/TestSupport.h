@@ -7,6 +7,7 @@
 #include <QVariantList>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 
 /*!
@@ -15,6 +16,9 @@
     it asks about sends no event here.
 */
 bool waitFor(const std::function<bool()> &done, int pollInterval = 0);
+
+/*! A short time limit on a machine at rest; longer where its processors are busy. */
+std::chrono::milliseconds scaled(std::chrono::milliseconds time);
 
 /*! The seed in CORVELKX_SEED, or a random one; it is printed, so that a run can be repeated. */
 quint32 randomSeed();
