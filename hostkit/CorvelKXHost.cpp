@@ -19,6 +19,7 @@ namespace {
 // Each connection costs the plugin's thread up to a second of waiting for the Bluetooth service.
 constexpr int mostAttempts = 3;
 // The plugin ends a scan after 20 s; one that lasts longer hangs.
+constexpr auto pluginScan = 20s;
 constexpr auto longestScan = 25s;
 // The Bluetooth service forgets a light some 30 s after it was last seen.
 constexpr auto freshness = 20s;
@@ -453,7 +454,10 @@ void Host::attempt(Light *light)
 void Host::letGo(Light *light, Reason reason)
 {
     light->m_freshUntil = QDeadlineTimer(0);
-    enter(light, Phase::Removing, QDeadlineTimer(m_times.disconnection), reason);
+    // The limit of close() counts for a link, and whether it went is told at its end.
+    const bool isOpenEnded = m_isClosing && light->m_phase == Phase::Ready;
+    enter(light, Phase::Removing,
+          isOpenEnded ? QDeadlineTimer::Forever : QDeadlineTimer(m_times.disconnection), reason);
     m_hasAnswered = false;
     m_plugin->removeDevice(light->m_address);
 }
@@ -581,7 +585,7 @@ void Host::advance()
         m_isPluginScanning = false;
         failScan(Error::NotResponding);
     }
-    if (m_scanEnd.hasExpired())
+    if (m_scanEnd.hasExpired() && !isScanOverdue())
         endScan();
     if (m_plugin) {
         connectQueued();
@@ -605,6 +609,15 @@ void Host::connectQueued()
         stopPluginScan();
         attempt(m_queue.constFirst());
     }
+}
+
+// Whether nothing was told of the plugin's scan by the time at which the plugin ends it: either it
+// found nothing and is just about to end, or the Bluetooth service does not answer.
+bool Host::isScanOverdue() const
+{
+    constexpr auto tolerance = 500ms;
+    constexpr milliseconds rest = longestScan - pluginScan + tolerance;
+    return m_isPluginScanning && !m_hasAnswered && m_scanGuard.remainingTime() <= rest.count();
 }
 
 void Host::stopPluginScan()
@@ -640,7 +653,9 @@ void Host::updateScan()
 
 void Host::schedule()
 {
-    QDeadlineTimer next = std::min({ m_scanEnd, m_closeEnd });
+    QDeadlineTimer next = m_closeEnd;
+    if (!m_scanEnd.hasExpired())
+        next = std::min(next, m_scanEnd);
     if (m_isPluginScanning)
         next = std::min(next, m_scanGuard);
     if (!m_queue.isEmpty() && !m_gathered.hasExpired())

@@ -178,6 +178,7 @@ private:
     void advance();
     void connectQueued();
     void updateScan();
+    bool isScanOverdue() const;
     void stopPluginScan();
     void schedule();
     void endScan();

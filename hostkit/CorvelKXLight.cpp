@@ -27,7 +27,7 @@ QString Light::stateString() const
     case State::Waiting:
         return tr("reconnecting");
     case State::Disconnecting:
-        return tr("disconnecting");
+        return m_isForgotten ? tr("forgotten") : tr("disconnecting");
     case State::Gone:
         return tr("forgotten");
     }
@@ -55,6 +55,11 @@ QString Light::reasonString() const
         return tr("%1 was disconnected on request.").arg(m_address);
     }
     return {};
+}
+
+qint64 Light::remainingTime() const
+{
+    return Host::deadlineOf(*this).remainingTime();
 }
 
 void Light::connectToDevice(std::chrono::milliseconds timeout)

@@ -76,6 +76,12 @@ public:
     /*! The same as a sentence for people; empty for None. */
     QString reasonString() const;
 
+    /*!
+        How long until the state changes at the latest, in milliseconds: the rest of the time limit
+        of an attempt, of a disconnection or of an answer, or of a pause; -1 where there is no limit.
+    */
+    qint64 remainingTime() const;
+
     /*! When the light was last seen in a scan; null if it was not. */
     QDateTime lastSeen() const { return m_lastSeen; }
     /*! How often the light was seen. */

@@ -129,7 +129,9 @@ void TestHost::whatIsWrong()
 
     m_lights.set(address, u"connect"_s, u"refuse"_s);
     m_light->connectToDevice(600ms);
+    QVERIFY(m_light->remainingTime() > 0);
     QVERIFY(becomes(m_light, Light::State::Seen));
+    QCOMPARE(m_light->remainingTime(), -1);
     QCOMPARE(m_light->reason(), Light::Reason::TimedOut);
     QVERIFY(m_light->reasonString().contains(address));
 
@@ -232,9 +234,9 @@ void TestHost::closing()
         light->setKeepConnected(true);
     QVERIFY(becomes(m_light, Light::State::Ready));
     QVERIFY(becomes(slow, Light::State::Ready));
-    m_lights.set(slow->address(), u"disconnectDelay"_s, u"200"_s);
+    m_lights.set(slow->address(), u"disconnectDelay"_s, u"800"_s);
     QSignalSpy closed(m_host.get(), &Host::closed);
-    m_host->close(50ms);
+    m_host->close(400ms); // longer than the light may take at other times
     QVERIFY(waitFor([&] { return closed.size() == 1; }));
     QCOMPARE(closed.at(0).at(0).toStringList(), QStringList { slow->address() });
     QVERIFY(!m_light->isReady());
