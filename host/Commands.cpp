@@ -1,5 +1,7 @@
 #include "Commands.h"
 
+#include "VirtualLights.h"
+
 #include <QSet>
 #include <QTimer>
 
@@ -27,7 +29,7 @@ bool isUnderWay(const Light *light)
 
 QString failureOf(const Host &host)
 {
-    return qEnvironmentVariableIsSet("CORVELKX_LIGHTS")
+    return areVirtualLightsHere()
                    ? host.errorString()
                    : host.errorString() + QLatin1String(" Try --simulate for virtual lights.");
 }

@@ -14,12 +14,20 @@ constexpr double longest = 86400;
 // Never deleted, for it is used when the process ends.
 QString *programName = nullptr;
 
+// What a person can do something with.
+QString sentenceFor(const QString &fatalMessage)
+{
+    if (fatalMessage.startsWith(QLatin1String("QThread: Destroyed"))) // while the plugin waits
+        return QStringLiteral("The Bluetooth service does not answer.");
+    if (fatalMessage.startsWith(QLatin1String("This application failed to start")))
+        return QStringLiteral("There is no display to show a window on.");
+    return fatalMessage;
+}
+
 void logToStandardError(QtMsgType type, const QMessageLogContext &, const QString &message)
 {
-    if (type == QtFatalMsg && message.startsWith(QLatin1String("QThread: Destroyed"))) {
-        // The plugin's thread still waits for an answer, and Qt would abort.
-        QTextStream(stderr) << *programName << ": The Bluetooth service does not answer."
-                            << Qt::endl;
+    if (type == QtFatalMsg) { // Qt would abort
+        QTextStream(stderr) << *programName << ": " << sentenceFor(message) << Qt::endl;
         std::_Exit(EXIT_FAILURE);
     }
     QTextStream(stderr) << message << Qt::endl;
@@ -84,7 +92,12 @@ void showLog(bool show)
 {
     programName = new QString(QCoreApplication::applicationName());
     qInstallMessageHandler(logToStandardError);
+    enableLog(show);
+}
+
+void enableLog(bool enable)
+{
     QLoggingCategory::setFilterRules(
-            show ? QStringLiteral("*.debug=false\ndefault.debug=true")
-                 : QStringLiteral("*.debug=false\n*.info=false\n*.warning=false"));
+            enable ? QStringLiteral("*.debug=false\ndefault.debug=true")
+                   : QStringLiteral("*.debug=false\n*.info=false\n*.warning=false"));
 }

@@ -26,3 +26,5 @@ std::optional<std::chrono::milliseconds> fromSeconds(const QString &text);
 
 /*! Sends the debug log to the standard error output, or switches it and all warnings off. */
 void showLog(bool show);
+/*! The same for what is written from now on; costs the plugin nothing while it is off. */
+void enableLog(bool enable);

@@ -3,14 +3,10 @@
 #include "Interrupt.h"
 #include "Output.h"
 #include "Shell.h"
+#include "VirtualLights.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
-#include <QFile>
-
-#include <cerrno>
-#include <cstring>
-#include <unistd.h>
 
 using std::chrono::milliseconds;
 
@@ -131,34 +127,6 @@ CommandLine parse()
     return line;
 }
 
-// Becomes the program \a name beside this one; returns only to tell why not.
-QString execProgram(const QString &name, const QStringList &arguments)
-{
-    const QString program = QCoreApplication::applicationDirPath() + QLatin1Char('/') + name;
-    const QStringList words = QStringList { program } + arguments;
-    QList<QByteArray> bytes;
-    for (const QString &word : words)
-        bytes.append(QFile::encodeName(word));
-    std::vector<char *> pointers;
-    for (QByteArray &word : bytes)
-        pointers.push_back(word.data());
-    pointers.push_back(nullptr);
-    execv(pointers.front(), pointers.data());
-    return QStringLiteral("%1 cannot be started: %2")
-            .arg(program, QString::fromLocal8Bit(std::strerror(errno)));
-}
-
-// Runs this program again, among virtual lights.
-QString enterVirtualLights(const CommandLine &line)
-{
-    QStringList arguments;
-    if (!line.lights.isEmpty())
-        arguments = { QStringLiteral("--lights"), line.lights };
-    arguments += { QStringLiteral("--"), QCoreApplication::applicationFilePath() };
-    return execProgram(QStringLiteral("corvelkx-lights"),
-                       arguments + QCoreApplication::arguments().mid(1));
-}
-
 // The single-device client lives in a program of its own, for this one links nothing of ours.
 QString execSingle(const CommandLine &line)
 {
@@ -237,8 +205,8 @@ int main(int argc, char *argv[])
         output.complain(line.error);
         return usageError;
     }
-    if (line.simulate && !qEnvironmentVariableIsSet("CORVELKX_LIGHTS")) {
-        output.complain(enterVirtualLights(line));
+    if (line.simulate && !areVirtualLightsHere()) {
+        output.complain(enterVirtualLights(line.lights, QCoreApplication::arguments().mid(1)));
         return EXIT_FAILURE;
     }
 

@@ -1,0 +1,6 @@
+#include "Panel.h"
+
+int main(int argc, char *argv[])
+{
+    return runPanel(argc, argv);
+}
