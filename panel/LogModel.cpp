@@ -19,12 +19,18 @@ namespace {
 QPointer<LogModel> debugLogReader;
 QtMessageHandler previousHandler = nullptr;
 
-// The plugin writes on a thread of its own, to the end of the process: the relay is never deleted.
+// The plugin writes on a thread of its own, to the end of the process. What brings its lines to the
+// window's thread is made there, and never deleted.
+QObject *relay()
+{
+    static auto *object = new QObject;
+    return object;
+}
+
 void relayDebugLog(QtMsgType type, const QMessageLogContext &context, const QString &message)
 {
-    static auto *relay = new QObject;
     if (type == QtDebugMsg && qstrcmp(context.category, "default") == 0)
-        QMetaObject::invokeMethod(relay, [message] {
+        QMetaObject::invokeMethod(relay(), [message] {
             if (debugLogReader)
                 debugLogReader->append(LogModel::Kind::Debug, {}, message);
         });
@@ -86,6 +92,7 @@ void LogModel::setPaused(bool paused)
 void LogModel::setDebugLogShown(bool shown)
 {
     debugLogReader = this;
+    relay();
     if (!previousHandler)
         previousHandler = qInstallMessageHandler(relayDebugLog);
     enableLog(shown);

@@ -27,7 +27,7 @@ MainWindow::MainWindow(const QString &plugin, QWidget *parent)
     m_ui.problem->hide();
     const auto buttons = m_ui.toolBar->findChildren<QToolButton *>();
     for (QToolButton *button : buttons)
-        button->setFocusPolicy(Qt::StrongFocus);
+        button->setFocusPolicy(Qt::TabFocus);
     connectActions();
     connect(&m_model, &LightsModel::sampled, this, &MainWindow::updateScan);
     connect(&m_host, &Host::scanningChanged, this, &MainWindow::updateScan);
