@@ -19,8 +19,7 @@ namespace {
 QPointer<LogModel> debugLogReader;
 QtMessageHandler previousHandler = nullptr;
 
-// The plugin writes on a thread of its own, to the end of the process. What brings its lines to the
-// window's thread is made there, and never deleted.
+// Brings what the plugin writes on its thread to the window's, on which it is made; never deleted.
 QObject *relay()
 {
     static auto *object = new QObject;

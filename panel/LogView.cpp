@@ -27,9 +27,7 @@ void LogView::setLog(LogModel *model)
     m_shown.setSourceModel(model);
     m_shown.setFilterRole(LogModel::FilterRole);
     m_ui.table->setModel(&m_shown);
-    QHeaderView *header = m_ui.table->verticalHeader();
-    header->setDefaultSectionSize(fontMetrics().height() * 5 / 4);
-    header->setSectionResizeMode(QHeaderView::Fixed);
+    m_ui.table->verticalHeader()->setDefaultSectionSize(fontMetrics().height() * 5 / 4);
     const QStringList samples { u"00:00:00.000"_s, u"C0:FF:EE:00:00:00"_s, u"Direction"_s,
                                 u"00 00 00 00 00 00 00 00"_s };
     for (int column = 0; column < samples.size(); ++column)
@@ -63,11 +61,8 @@ void LogView::addLight(const QString &address)
 void LogView::updateFilter()
 {
     const QString address = m_ui.light->currentIndex() > 0 ? m_ui.light->currentText() : QString();
-    m_shown.setFilterRegularExpression(
-            QRegularExpression(u"\\A"_s + address + u".*"_s
-                                       + QRegularExpression::escape(m_ui.filter->text()),
-                               QRegularExpression::CaseInsensitiveOption
-                                       | QRegularExpression::DotMatchesEverythingOption));
+    const QString text = QRegularExpression::escape(m_ui.filter->text());
+    m_shown.setFilterRegularExpression(u"(?is)\\A"_s + address + u".*"_s + text);
     m_ui.table->scrollToBottom();
     updateCounts();
 }

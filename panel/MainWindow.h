@@ -16,7 +16,7 @@ class MainWindow : public QMainWindow
     Q_OBJECT
 
 public:
-    /*! Loads the plugin from \a plugin, or the usual one where that is empty, and begins to scan. */
+    /*! Loads the plugin from \a plugin, or the usual one if that is empty, and begins to scan. */
     explicit MainWindow(const QString &plugin, QWidget *parent = nullptr);
 
     CorvelKX::Host *host() { return &m_host; }

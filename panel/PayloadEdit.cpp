@@ -51,8 +51,8 @@ void PayloadEdit::check()
 
 void PayloadEdit::setEntry(const QString &entry)
 {
-    setMode(entry.startsWith(u"text:"_s));
-    setText(entry.section(u':', 1));
+    setMode(entry.startsWith(u't'));
+    setText(entry.mid(1));
 }
 
 void PayloadEdit::remember()

@@ -3,8 +3,8 @@
 #include <QLineEdit>
 
 /*!
-    A line for a payload, as hexadecimal pairs or as text, whichever is chosen and never guessed. What
-    is no payload is marked while it is typed. The arrow keys go through what was sent before.
+    A line for a payload, in hexadecimal pairs or as text, as it is chosen and never guessed. What is
+    no payload is marked while it is typed. The arrow keys go through what was sent before.
 */
 class PayloadEdit : public QLineEdit
 {
@@ -13,16 +13,12 @@ class PayloadEdit : public QLineEdit
 public:
     explicit PayloadEdit(QWidget *parent = nullptr);
 
-    bool isText() const { return m_isText; }
     void setMode(bool isText);
     /*! The bytes; none where there is a problem(), which is a sentence. */
     QByteArray payload() const;
     QString problem() const;
     /*! What is typed, with its mode, as it is kept. */
-    QString entry() const
-    {
-        return (m_isText ? QLatin1String("text:") : QLatin1String("hex:")) + text();
-    }
+    QString entry() const { return (m_isText ? u't' : u'h') + text(); }
     void setEntry(const QString &entry);
 
     /*! Puts what is typed at the end of the history. */

@@ -80,7 +80,8 @@ void Plot::drawText(QPainter *painter, const QRectF &area, quint64 top) const
         const double y = area.bottom() - area.height() * half / 2;
         painter->drawText(QRectF(0, y - line / 2, area.left() - 6, line),
                           Qt::AlignRight | Qt::AlignVCenter, QString::number(top * half / 2));
-        painter->fillRect(QRectF(area.left(), y, area.width(), 1), palette().color(QPalette::Mid));
+        painter->fillRect(QRectF(area.left(), y, area.width(), 1),
+                          palette().color(QPalette::PlaceholderText));
     }
 }
 

@@ -11,7 +11,7 @@ namespace CorvelKX {
 class Light;
 }
 
-/*! Draws a line of what \a value gives for each second, up to \a top, or to the most where it is 0. */
+/*! Draws what \a value gives for each second as a line; \a top, or the most, is on top of it. */
 void drawMinute(QPainter *painter, const QRectF &area, const LightsModel::Minute &minute,
                 quint64 top, const std::function<quint64(const LightsModel::Messages &)> &value);
 

@@ -91,11 +91,10 @@ void SendBar::startOrStop()
 // A light that is lost is left out until it is back.
 void SendBar::sendOnce()
 {
-    for (Light *light : std::as_const(m_targets)) {
-        if (light)
-            light->send(m_payload);
-    }
-    if (++m_sentCount == m_ui.count->value())
+    bool isSent = false;
+    for (Light *light : std::as_const(m_targets))
+        isSent = (light && light->send(m_payload)) || isSent;
+    if (isSent && ++m_sentCount == m_ui.count->value())
         m_timer.stop();
     update();
 }
@@ -103,7 +102,11 @@ void SendBar::sendOnce()
 void SendBar::fillMenu()
 {
     m_menu->clear();
-    QAction *save = m_menu->addAction(tr("&Save this payload..."), this, &SendBar::savePayload);
+    QAction *save = m_menu->addAction(tr("&Save this payload..."), this, [this] {
+        const QString name = QInputDialog::getText(this, tr("Save this payload"), tr("Name:"));
+        if (!name.simplified().isEmpty())
+            m_saved.insert(name.simplified(), m_ui.payload->entry());
+    });
     save->setEnabled(!m_ui.payload->payload().isEmpty());
     QMenu *remove = m_menu->addMenu(tr("&Remove"));
     remove->setEnabled(!m_saved.isEmpty());
@@ -115,11 +118,4 @@ void SendBar::fillMenu()
         });
         remove->addAction(name, this, [this, name] { m_saved.remove(name); });
     }
-}
-
-void SendBar::savePayload()
-{
-    const QString name = QInputDialog::getText(this, tr("Save this payload"), tr("Name:"));
-    if (!name.simplified().isEmpty())
-        m_saved.insert(name.simplified(), m_ui.payload->entry());
 }

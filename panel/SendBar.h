@@ -27,7 +27,6 @@ private:
     void startOrStop();
     void sendOnce();
     void fillMenu();
-    void savePayload();
 
     Ui::SendBar m_ui;
     QMenu *m_menu;
