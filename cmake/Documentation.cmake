@@ -25,6 +25,7 @@ doxygen_add_docs(docs
     docs/faults.md
     docs/host-guide.md
     docs/lights.md
+    docs/panel.md
     docs/performance.md
     docs/plugin.md
     docs/testing.md

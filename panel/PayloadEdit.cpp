@@ -57,10 +57,9 @@ void PayloadEdit::setEntry(const QString &entry)
 
 void PayloadEdit::remember()
 {
-    constexpr int most = 100;
     m_history.removeAll(entry());
     m_history.append(entry());
-    setHistory(m_history.mid(std::max<qsizetype>(m_history.size() - most, 0)));
+    setHistory(m_history.mid(std::max<qsizetype>(m_history.size() - 100, 0)));
 }
 
 void PayloadEdit::setHistory(const QStringList &history)
