@@ -92,8 +92,6 @@ QVariant LightsModel::headerData(int section, Qt::Orientation orientation, int r
     const bool isNumber = section == ProtocolType || (section >= SeenCount && section <= Rate);
     if (role == Qt::TextAlignmentRole)
         return int(Qt::AlignVCenter | (isNumber ? Qt::AlignRight : Qt::AlignLeft));
-    if (role == Qt::ToolTipRole && section >= Rate)
-        return tr("Messages sent and received");
     if (role == Qt::DisplayRole && section >= Rate)
         return section == Rate ? tr("Rate/s") : tr("Last minute");
     if (role == Qt::DisplayRole && section == SeenCount)

@@ -86,7 +86,5 @@ void LightsView::paintEvent(QPaintEvent *event)
         return;
     QPainter painter(viewport());
     painter.setPen(palette().color(QPalette::PlaceholderText));
-    painter.drawText(viewport()->rect(), Qt::AlignCenter,
-                     m_proxy.sourceModel()->rowCount() > 0 ? tr("No light matches the filter.")
-                                                           : tr("No light was seen yet."));
+    painter.drawText(viewport()->rect(), Qt::AlignCenter, tr("No light to show."));
 }

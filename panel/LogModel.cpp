@@ -149,8 +149,6 @@ QVariant LogModel::data(const QModelIndex &index, int role) const
 
 QVariant LogModel::headerData(int section, Qt::Orientation orientation, int role) const
 {
-    if (role == Qt::TextAlignmentRole)
-        return int(Qt::AlignLeft | Qt::AlignVCenter);
     if (orientation != Qt::Horizontal || role != Qt::DisplayRole)
         return {};
     return QStringList { tr("Time"), tr("Light"), tr("Direction"), tr("Hex"), tr("Text") }.value(

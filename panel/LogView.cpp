@@ -27,6 +27,7 @@ void LogView::setLog(LogModel *model)
     m_shown.setSourceModel(model);
     m_shown.setFilterRole(LogModel::FilterRole);
     m_ui.table->setModel(&m_shown);
+    m_ui.table->horizontalHeader()->setDefaultAlignment(Qt::AlignLeft | Qt::AlignVCenter);
     m_ui.table->verticalHeader()->setDefaultSectionSize(fontMetrics().height() * 5 / 4);
     const QStringList samples { u"00:00:00.000"_s, u"C0:FF:EE:00:00:00"_s, u"Direction"_s,
                                 u"00 00 00 00 00 00 00 00"_s };

@@ -13,7 +13,6 @@
 using CorvelKX::Host;
 using CorvelKX::Light;
 using Qt::StringLiterals::operator""_s;
-using namespace std::chrono_literals;
 
 MainWindow::MainWindow(const QString &plugin, QWidget *parent)
     : QMainWindow(parent), m_model(&m_host), m_log(&m_host)
@@ -28,6 +27,7 @@ MainWindow::MainWindow(const QString &plugin, QWidget *parent)
     const auto buttons = m_ui.toolBar->findChildren<QToolButton *>();
     for (QToolButton *button : buttons)
         button->setFocusPolicy(Qt::TabFocus);
+    qApp->installEventFilter(this);
     connectActions();
     connect(&m_model, &LightsModel::sampled, this, &MainWindow::updateScan);
     connect(&m_host, &Host::scanningChanged, this, &MainWindow::updateScan);
@@ -73,10 +73,7 @@ void MainWindow::connectActions()
     connect(m_ui.clearLog, &QAction::triggered, &m_log, &LogModel::clear);
     connect(m_ui.filterAction, &QAction::triggered, this, &MainWindow::focusFilter);
     connect(m_ui.quit, &QAction::triggered, this, &MainWindow::close);
-    connect(m_ui.about, &QAction::triggered, this, [this] {
-        QMessageBox::about(this, windowTitle(),
-                           u"corvelkx-panel "_s + QCoreApplication::applicationVersion());
-    });
+    connect(m_ui.about, &QAction::triggered, qApp, &QApplication::aboutQt);
     connect(m_ui.lights, &LightsView::selectedLightsChanged, this, &MainWindow::updateActions);
     connect(m_ui.lights, &LightsView::doubleClicked, m_ui.connectLights, &QAction::trigger);
     connect(m_ui.filter, &QLineEdit::textChanged, m_ui.lights, &LightsView::setFilter);
@@ -166,10 +163,19 @@ void MainWindow::updateProblem()
         { Error::NotResponding, tr("Restart the Bluetooth service, or the computer.") },
         { Error::PluginError, tr("Start the program with another file after --plugin.") },
     };
-    m_ui.problemText->setText(m_host.errorString() + u' ' + help.value(m_host.error()));
+    m_ui.problemText->setText(u"⚠  "_s + m_host.errorString() + u' ' + help.value(m_host.error()));
     m_ui.scanAgain->setVisible(m_host.isLoaded());
     m_ui.useVirtualLights->setVisible(!areVirtualLightsHere());
     m_ui.problem->setVisible(m_host.error() != Error::NoError);
+}
+
+// A line edit would take the key for going to its end.
+bool MainWindow::eventFilter(QObject *watched, QEvent *event)
+{
+    if (event->type() == QEvent::ShortcutOverride
+        && static_cast<QKeyEvent *>(event)->keyCombination() == m_ui.exportLog->shortcut()[0])
+        return true;
+    return QMainWindow::eventFilter(watched, event);
 }
 
 void MainWindow::closeEvent(QCloseEvent *event)
@@ -183,7 +189,7 @@ void MainWindow::closeEvent(QCloseEvent *event)
     settings.setValue(u"lower"_s, m_ui.lower->saveState());
     settings.setValue(u"limit"_s, m_ui.limit->value());
     setEnabled(false);
-    m_host.close(2s);
+    m_host.close(std::chrono::seconds(2));
 }
 
 void MainWindow::onClosed(const QStringList &stillConnected)

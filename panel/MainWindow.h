@@ -29,6 +29,7 @@ signals:
     void finished(int status);
 
 protected:
+    bool eventFilter(QObject *watched, QEvent *event) override;
     void closeEvent(QCloseEvent *event) override;
 
 private:

@@ -93,7 +93,7 @@ int runPanel(int argc, char *argv[])
         window.show();
         status = QCoreApplication::exec();
         goesVirtual = window.wantsVirtualLights();
-        if (goesVirtual && !window.host()->isLoaded())
+        if (goesVirtual && window.host()->error() == CorvelKX::Host::Error::PluginError)
             words += { u"--plugin"_s, QString() };
     }
     if (goesVirtual)

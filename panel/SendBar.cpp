@@ -109,7 +109,6 @@ void SendBar::fillMenu()
     });
     save->setEnabled(!m_ui.payload->payload().isEmpty());
     QMenu *remove = m_menu->addMenu(tr("&Remove"));
-    remove->setEnabled(!m_saved.isEmpty());
     m_menu->addSeparator();
     const QStringList names = m_saved.keys();
     for (const QString &name : names) {
