@@ -55,11 +55,15 @@ install(FILES cmake/completion.bash COMPONENT tools
     DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" RENAME corvelkx-host)
 find_program(HELP2MAN_PROGRAM help2man)
 if(HELP2MAN_PROGRAM AND GZIP_PROGRAM)
-    foreach(program host single lights)
+    set(programs host lights single)
+    if(TARGET corvelkx-panel)
+        list(APPEND programs panel)
+    endif()
+    foreach(program IN LISTS programs)
         set(page "${PROJECT_BINARY_DIR}/man/corvelkx-${program}.1")
         add_custom_command(OUTPUT "${page}.gz" DEPENDS corvelkx-${program}
             COMMAND ${CMAKE_COMMAND} -E make_directory "${PROJECT_BINARY_DIR}/man"
-            COMMAND "${HELP2MAN_PROGRAM}" --no-info --output "${page}"
+            COMMAND ${CMAKE_COMMAND} -E env QT_QPA_PLATFORM=offscreen "${HELP2MAN_PROGRAM}" --no-info --output "${page}"
                 --name "for CorvelKX Bluetooth lights" $<TARGET_FILE:corvelkx-${program}>
             COMMAND "${GZIP_PROGRAM}" -9nf "${page}" VERBATIM)
         list(APPEND pages "${page}.gz")

@@ -5,4 +5,4 @@ _corvelkx()
     words=$("$1" --help 2>/dev/null | grep -oE '^  ([a-z]+ |.*--[a-z]+)' | grep -oE '(--)?[a-z]+ ?$')
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "$2")
 }
-complete -o default -F _corvelkx corvelkx-host corvelkx-single corvelkx-lights
+complete -o default -F _corvelkx corvelkx-host corvelkx-single corvelkx-lights corvelkx-panel
