@@ -51,14 +51,16 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
         DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/${package}" COMPONENT ${component})
 endforeach()
 
-install(FILES cmake/completion.bash COMPONENT tools
-    DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" RENAME corvelkx-host)
+set(programs host lights single)
+if(TARGET corvelkx-panel)
+    list(APPEND programs panel)
+endif()
+foreach(program IN LISTS programs)
+    install(FILES cmake/completion.bash COMPONENT tools RENAME corvelkx-${program}
+        DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions")
+endforeach()
 find_program(HELP2MAN_PROGRAM help2man)
 if(HELP2MAN_PROGRAM AND GZIP_PROGRAM)
-    set(programs host lights single)
-    if(TARGET corvelkx-panel)
-        list(APPEND programs panel)
-    endif()
     foreach(program IN LISTS programs)
         set(page "${PROJECT_BINARY_DIR}/man/corvelkx-${program}.1")
         add_custom_command(OUTPUT "${page}.gz" DEPENDS corvelkx-${program}
