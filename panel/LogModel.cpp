@@ -54,7 +54,8 @@ LogModel::LogModel(Host *host, QObject *parent) : QAbstractTableModel(parent)
         append(Kind::Received, light->address(), {}, data);
     });
     connect(host, &Host::lightStateChanged, this, [this](const Light *light) {
-        const bool isWrong = light->reason() != Light::Reason::None
+        const bool isWrong = light->state() != Light::State::Connecting
+                             && light->reason() != Light::Reason::None
                              && light->reason() != Light::Reason::Requested;
         append(isWrong ? Kind::Error : Kind::Signal, light->address(),
                light->stateString() + (isWrong ? u": "_s + light->reasonString() : QString()));
@@ -76,7 +77,7 @@ void LogModel::append(Kind kind, const QString &address, const QString &text,
             { QDateTime::currentDateTime().toString(Qt::ISODateWithMs), address,
               QString::fromLatin1(QMetaEnum::fromType<Kind>().valueToKey(int(kind))).toLower(),
               QString::fromLatin1(data.toHex(' ')), shown });
-    if (m_waiting.size() >= 2 * limit) // not at each line, which would be slow
+    if (m_waiting.size() / 2 >= limit) // not at each line, which would be slow
         m_waiting.remove(0, limit);
     if (!m_timer.isActive())
         m_timer.start();

@@ -30,7 +30,7 @@ private:
     QString text(const QModelIndexList &rows, bool isCsv) const;
     QModelIndexList allRows() const;
 
-    Ui::LogView m_ui;
+    Ui::LogView m_ui {};
     LogModel *m_model = nullptr;
     QSortFilterProxyModel m_shown;
     bool m_isAtEnd = true;

@@ -23,7 +23,6 @@ MainWindow::MainWindow(const QString &plugin, QWidget *parent)
     m_ui.lights->setLights(&m_model);
     m_ui.plot->setModel(&m_model);
     m_ui.log->setLog(&m_log);
-    m_ui.problem->hide();
     const auto buttons = m_ui.toolBar->findChildren<QToolButton *>();
     for (QToolButton *button : buttons)
         button->setFocusPolicy(Qt::TabFocus);

@@ -47,7 +47,7 @@ private:
     CorvelKX::Host m_host;
     LightsModel m_model;
     LogModel m_log;
-    Ui::MainWindow m_ui;
+    Ui::MainWindow m_ui {};
     bool m_isClosed = false;
     bool m_wantsVirtualLights = false;
 };

@@ -28,7 +28,7 @@ private:
     void sendOnce();
     void fillMenu();
 
-    Ui::SendBar m_ui;
+    Ui::SendBar m_ui {};
     QMenu *m_menu;
     QMap<QString, QVariant> m_saved; //!< entries by the names that they were saved under
     QList<QPointer<CorvelKX::Light>> m_lights;
