@@ -1,6 +1,5 @@
 #include "BluetoothDaemon.h"
 
-#include <QDBusMetaType>
 #include <QHash>
 
 #include <algorithm>
@@ -8,38 +7,29 @@
 
 namespace {
 
-constexpr QLatin1String serviceName("org.bluez");
+using Bluez::adapterInterface;
+using Bluez::characteristicInterface;
+using Bluez::connectedKey;
+using Bluez::descriptorInterface;
+using Bluez::deviceInterface;
+using Bluez::objectManagerInterface;
+using Bluez::poweredKey;
+using Bluez::propertiesInterface;
+using Bluez::uuidKey;
+
 constexpr QLatin1String treePath("/org/bluez");
 constexpr QLatin1String adapterPath("/org/bluez/hci0");
-constexpr QLatin1String adapterInterface("org.bluez.Adapter1");
-constexpr QLatin1String deviceInterface("org.bluez.Device1");
-constexpr QLatin1String serviceInterface("org.bluez.GattService1");
-constexpr QLatin1String characteristicInterface("org.bluez.GattCharacteristic1");
-constexpr QLatin1String descriptorInterface("org.bluez.GattDescriptor1");
-constexpr QLatin1String propertiesInterface("org.freedesktop.DBus.Properties");
-constexpr QLatin1String objectManagerInterface("org.freedesktop.DBus.ObjectManager");
 
-constexpr QLatin1String connectedKey("Connected");
 constexpr QLatin1String resolvedKey("ServicesResolved");
-constexpr QLatin1String poweredKey("Powered");
 constexpr QLatin1String discoveringKey("Discovering");
-constexpr QLatin1String uuidKey("UUID");
 constexpr QLatin1String uuidsKey("UUIDs");
+constexpr QLatin1String manufacturerDataKey("ManufacturerData");
 constexpr QLatin1String rssiKey("RSSI");
 
-constexpr std::size_t rememberedWrites = 1000;
 constexpr int appearanceInterval = 5;
-
-QString bluezError(const char *name)
-{
-    return QStringLiteral("org.bluez.Error.") + QLatin1String(name);
-}
-
-QString numbered(const QString &parent, const char *kind, qsizetype number)
-{
-    return QStringLiteral("%1/%2%3").arg(parent, QLatin1String(kind),
-                                         QStringLiteral("%1").arg(number, 4, 16, QLatin1Char('0')));
-}
+constexpr int firstAppearance = 150;
+constexpr int scanPenalty = 10000;
+constexpr int attemptLimit = 25000; // as bluetoothd was seen to try
 
 // The object manager lives at the root of the bus, apart from the tree that it tells about.
 class Root : public QDBusVirtualObject
@@ -60,11 +50,9 @@ private:
 } // namespace
 
 BluetoothDaemon::BluetoothDaemon(QDBusConnection bus, QObject *parent)
-    : QDBusVirtualObject(parent), m_bus(std::move(bus)), m_root(new Root(this))
+    : QDBusVirtualObject(parent), Backend(std::move(bus)), m_root(new Root(this))
 {
-    qDBusRegisterMetaType<Interfaces>();
-    qDBusRegisterMetaType<ManagedObjects>();
-    qDBusRegisterMetaType<ManufacturerData>();
+    Bluez::registerTypes();
 
     m_bus.registerVirtualObject(QStringLiteral("/"), m_root, QDBusConnection::SingleNode);
     m_bus.registerVirtualObject(treePath, this, QDBusConnection::SubPath);
@@ -75,11 +63,12 @@ BluetoothDaemon::BluetoothDaemon(QDBusConnection bus, QObject *parent)
             &BluetoothDaemon::endScan);
 
     // Advertisements come one by one, as they do on the air.
-    m_appearances.setInterval(appearanceInterval);
     connect(&m_appearances, &QTimer::timeout, this, [this] {
         for (const auto &device : m_devices) {
-            if (device->light.advertising && !m_objects.contains(QDBusObjectPath(device->path))) {
-                appear(device.get());
+            if (device->light.advertising && !device->isHeard) {
+                device->isHeard = true;
+                advertise(device.get());
+                m_appearances.setInterval(appearanceInterval);
                 return;
             }
         }
@@ -92,7 +81,13 @@ BluetoothDaemon::~BluetoothDaemon() = default;
 bool BluetoothDaemon::enterBus()
 {
     showAdapter();
-    m_onBus = m_bus.registerService(serviceName);
+    for (const auto &device : m_devices) {
+        if (m_isRealistic && device->wasConnected) {
+            appear(device.get());
+            m_objects[QDBusObjectPath(device->path)][deviceInterface].remove(manufacturerDataKey);
+        }
+    }
+    m_onBus = m_bus.registerService(Bluez::service);
     return m_onBus;
 }
 
@@ -100,7 +95,7 @@ void BluetoothDaemon::leaveBus(Leaving how)
 {
     if (how == Leaving::Clean)
         setPresent(false);
-    m_bus.unregisterService(serviceName);
+    m_bus.unregisterService(Bluez::service);
     m_onBus = false;
 
     // What is left after a silent end, the next daemon does not know any more.
@@ -187,29 +182,15 @@ void BluetoothDaemon::add(const Light &light)
                    + QString(light.address).replace(QLatin1Char(':'), QLatin1Char('_'));
     m_devices.push_back(std::move(device));
     if (isScanning())
-        m_appearances.start();
+        m_appearances.start(appearanceInterval);
 }
 
-Device *BluetoothDaemon::find(const QString &address) const
+QString BluetoothDaemon::characteristicAt(const QString &path) const
 {
-    const auto device = std::find_if(m_devices.cbegin(), m_devices.cend(),
-                                     [&](const auto &d) { return d->light.address == address; });
-    return device == m_devices.cend() ? nullptr : device->get();
-}
-
-QList<Device *> BluetoothDaemon::devices() const
-{
-    QList<Device *> all;
-    for (const auto &device : m_devices)
-        all.append(device.get());
-    return all;
-}
-
-Device *BluetoothDaemon::deviceAt(const QString &path) const
-{
-    const auto device = std::find_if(m_devices.cbegin(), m_devices.cend(),
-                                     [&path](const auto &d) { return path.startsWith(d->path); });
-    return device == m_devices.cend() ? nullptr : device->get();
+    return m_objects.value(QDBusObjectPath(path))
+            .value(characteristicInterface)
+            .value(uuidKey)
+            .toString();
 }
 
 void BluetoothDaemon::forget(Device *device)
@@ -222,12 +203,9 @@ void BluetoothDaemon::forget(Device *device)
 
 QVariantMap BluetoothDaemon::deviceProperties(const Device &device) const
 {
-    QString alias = device.light.name;
-    if (alias.isEmpty())
-        alias = QString(device.light.address).replace(QLatin1Char(':'), QLatin1Char('-'));
     QVariantMap properties {
         { QStringLiteral("Address"), device.light.address },
-        { QStringLiteral("Alias"), alias },
+        { QStringLiteral("Alias"), device.light.alias() },
         { QStringLiteral("Adapter"), QVariant::fromValue(QDBusObjectPath(adapterPath)) },
         { rssiKey, QVariant::fromValue<short>(-60) },
         { uuidsKey, QStringList() },
@@ -236,9 +214,9 @@ QVariantMap BluetoothDaemon::deviceProperties(const Device &device) const
     };
     const QByteArray data = device.light.advertisedData();
     if (!data.isEmpty()) {
-        const ManufacturerData manufacturerData { { device.light.company, QDBusVariant(data) } };
-        properties.insert(QStringLiteral("ManufacturerData"),
-                          QVariant::fromValue(manufacturerData));
+        const Bluez::ManufacturerData manufacturerData { { device.light.company,
+                                                           QDBusVariant(data) } };
+        properties.insert(manufacturerDataKey, QVariant::fromValue(manufacturerData));
     }
     return properties;
 }
@@ -266,7 +244,7 @@ void BluetoothDaemon::dropLink(Device *device)
     device->link.reset();
     const auto pending = std::exchange(device->pendingConnects, {});
     for (const QDBusMessage &message : pending)
-        refuse(message, bluezError("Failed"), QStringLiteral("the link was lost"));
+        refuse(message, Bluez::error("Failed"), QStringLiteral("the link was lost"));
     if (device->connected) {
         device->connected = false;
         removeServices(device);
@@ -284,61 +262,29 @@ void BluetoothDaemon::vanishServices(Device *device)
     changeProperties(device->path, deviceInterface, { { uuidsKey, QStringList() } });
 }
 
-bool BluetoothDaemon::notify(Device *device, const QByteArray &value, const QString &servicePath)
-{
-    const auto source = std::find_if(device->notifying.cbegin(), device->notifying.cend(),
-                                     [&servicePath](const QString &path) {
-                                         return path.startsWith(servicePath);
-                                     });
-    if (source == device->notifying.cend())
-        return false;
-    auto signal = QDBusMessage::createSignal(*source, propertiesInterface,
-                                             QStringLiteral("PropertiesChanged"));
-    signal << characteristicInterface << QVariantMap { { QStringLiteral("Value"), value } }
-           << QStringList();
-    return m_bus.send(signal);
-}
-
 void BluetoothDaemon::exportServices(Device *device)
 {
-    QStringList uuids;
-    qsizetype handle = 1;
     const QList<GattService> services = device->light.services();
-    const auto exportPart = [this, device](const QString &path, const QString &interface,
-                                           const QVariantMap &properties) {
-        exportObject(path, { { interface, properties } });
-        device->objects.append(path);
-    };
-    for (const GattService &service : services) {
-        const QString servicePath = numbered(device->path, "service", handle++);
+    const auto objects = Bluez::gattObjects(device->path, services);
+    for (auto object = objects.cbegin(); object != objects.cend(); ++object)
+        exportObject(object.key().path(), object.value());
+    QStringList uuids;
+    for (const GattService &service : services)
         uuids.append(service.uuid);
-        exportPart(servicePath, serviceInterface,
-                   { { uuidKey, service.uuid }, { QStringLiteral("Primary"), true } });
-        for (const GattCharacteristic &characteristic : service.characteristics) {
-            const QString path = numbered(servicePath, "char", handle++);
-            device->characteristics.insert(path, characteristic);
-            exportPart(path, characteristicInterface,
-                       { { uuidKey, characteristic.uuid },
-                         { QStringLiteral("Flags"), characteristic.flags } });
-            for (const QString &descriptor : characteristic.descriptors) {
-                exportPart(numbered(path, "desc", handle++), descriptorInterface,
-                           { { uuidKey, descriptor } });
-            }
-        }
-    }
     changeProperties(device->path, deviceInterface, { { uuidsKey, uuids } });
 }
 
 void BluetoothDaemon::removeServices(Device *device)
 {
-    device->characteristics.clear();
     device->notifying.clear();
-    const QStringList paths = std::exchange(device->objects, {});
-    for (const QString &path : paths)
-        removeObject(path);
+    const auto objects = m_objects.keys();
+    for (const QDBusObjectPath &object : objects) {
+        if (object.path().startsWith(device->path + QLatin1Char('/')))
+            removeObject(object.path());
+    }
 }
 
-void BluetoothDaemon::exportObject(const QString &path, const Interfaces &interfaces)
+void BluetoothDaemon::exportObject(const QString &path, const Bluez::Interfaces &interfaces)
 {
     const QDBusObjectPath object(path);
     m_objects.insert(object, interfaces);
@@ -353,7 +299,7 @@ void BluetoothDaemon::exportObject(const QString &path, const Interfaces &interf
 void BluetoothDaemon::removeObject(const QString &path)
 {
     const QDBusObjectPath object(path);
-    const Interfaces interfaces = m_objects.take(object);
+    const Bluez::Interfaces interfaces = m_objects.take(object);
     if (interfaces.isEmpty() || !m_onBus)
         return;
     auto signal = QDBusMessage::createSignal(QStringLiteral("/"), objectManagerInterface,
@@ -380,17 +326,6 @@ void BluetoothDaemon::changeProperties(const QString &path, const QString &inter
 QString BluetoothDaemon::introspect(const QString &) const
 {
     return {};
-}
-
-void BluetoothDaemon::reply(const QDBusMessage &message, const QVariantList &arguments)
-{
-    if (message.isReplyRequired())
-        m_bus.send(message.createReply(arguments));
-}
-
-void BluetoothDaemon::refuse(const QDBusMessage &message, const QString &name, const QString &text)
-{
-    m_bus.send(message.createErrorReply(name, text));
 }
 
 bool BluetoothDaemon::handleMessage(const QDBusMessage &message, const QDBusConnection &)
@@ -459,19 +394,16 @@ void BluetoothDaemon::accept(const QDBusMessage &message)
 void BluetoothDaemon::startDiscovery(const QDBusMessage &message)
 {
     if (!isPowered()) {
-        refuse(message, bluezError("NotReady"), QStringLiteral("the adapter is off"));
+        refuse(message, Bluez::error("NotReady"), QStringLiteral("the adapter is off"));
         return;
     }
     m_scanners.setWatchedServices({ message.service() });
     changeProperties(adapterPath, adapterInterface, { { discoveringKey, true } });
     reply(message);
 
-    for (const auto &device : m_devices) {
-        if (device->light.advertising && m_objects.contains(QDBusObjectPath(device->path)))
-            changeProperties(device->path, deviceInterface,
-                             { { rssiKey, QVariant::fromValue<short>(-60) } });
-    }
-    m_appearances.start();
+    for (const auto &device : m_devices)
+        device->isHeard = false;
+    m_appearances.start(m_isRealistic ? firstAppearance : appearanceInterval);
 }
 
 void BluetoothDaemon::stopDiscovery(const QDBusMessage &message)
@@ -488,28 +420,33 @@ void BluetoothDaemon::connectDevice(const QDBusMessage &message)
         return;
     }
     if (!isPowered()) {
-        refuse(message, bluezError("NotReady"), QStringLiteral("the adapter is off"));
+        refuse(message, Bluez::error("NotReady"), QStringLiteral("the adapter is off"));
         return;
     }
     if (device->link) {
-        refuse(message, bluezError("InProgress"), QStringLiteral("a connection is under way"));
+        refuse(message, Bluez::error("InProgress"), QStringLiteral("a connection is under way"));
         return;
     }
     device->link = std::make_unique<QObject>();
     device->pendingConnects.append(message);
     if (device->light.connect == Light::Connect::Hang)
         return;
-    const int delay = device->light.latency + (isScanning() ? m_scanPenalty : 0);
+    const int delay = device->light.connect == Light::Connect::Away
+                              ? attemptLimit
+                              : device->light.latency
+                                        + (m_isRealistic && isScanning() ? scanPenalty : 0);
     QTimer::singleShot(delay, device->link.get(), [this, device] { finishConnect(device); });
 }
 
 void BluetoothDaemon::finishConnect(Device *device)
 {
-    if (device->light.connect == Light::Connect::Refuse) {
+    if (device->light.connect == Light::Connect::Refuse
+        || device->light.connect == Light::Connect::Away) {
         dropLink(device);
         return;
     }
     device->connected = true;
+    device->wasConnected = true;
     changeProperties(device->path, deviceInterface, { { connectedKey, true } });
     const auto pending = std::exchange(device->pendingConnects, {});
     for (const QDBusMessage &message : pending)
@@ -528,49 +465,10 @@ void BluetoothDaemon::disconnectDevice(const QDBusMessage &message)
 {
     Device *device = deviceAt(message.path());
     if (!device->link) {
-        refuse(message, bluezError("NotConnected"), QStringLiteral("there is no link"));
+        refuse(message, Bluez::error("NotConnected"), QStringLiteral("there is no link"));
         return;
     }
     device->pendingDisconnects.append(message);
     QTimer::singleShot(device->light.disconnectDelay, device->link.get(),
                        [this, device] { dropLink(device); });
-}
-
-void BluetoothDaemon::readValue(const QDBusMessage &message)
-{
-    if (deviceAt(message.path())->light.refuseReads) {
-        refuse(message, bluezError("NotPermitted"), QStringLiteral("reading is refused"));
-        return;
-    }
-    const bool isDescriptor = message.interface() == descriptorInterface;
-    reply(message, { isDescriptor ? QByteArray(2, '\0') : QByteArrayLiteral("virtual") });
-}
-
-void BluetoothDaemon::writeValue(const QDBusMessage &message)
-{
-    Device *device = deviceAt(message.path());
-    if (device->light.refuseWrites) {
-        refuse(message, bluezError("NotPermitted"), QStringLiteral("writing is refused"));
-        return;
-    }
-    const QByteArray data = message.arguments().value(0).toByteArray();
-    const auto options = qdbus_cast<QVariantMap>(message.arguments().value(1));
-    device->written.push_back({ device->characteristics.value(message.path()).uuid,
-                                options.value(QStringLiteral("type")).toString(), data });
-    if (device->written.size() > rememberedWrites)
-        device->written.pop_front();
-    ++device->writtenCount;
-    reply(message);
-
-    if (device->light.echo)
-        notify(device, data, message.path().section(QLatin1Char('/'), 0, -2));
-}
-
-void BluetoothDaemon::setNotifying(const QDBusMessage &message)
-{
-    Device *device = deviceAt(message.path());
-    device->notifying.removeAll(message.path());
-    if (message.member() == QLatin1String("StartNotify"))
-        device->notifying.append(message.path());
-    reply(message);
 }

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
 
 namespace {
 
@@ -20,8 +21,8 @@ constexpr int longestRun = 500;
 class Burst : public QObject
 {
 public:
-    Burst(BluetoothDaemon *daemon, Device *device, quint32 count, int size, int perSecond)
-        : QObject(device->link.get()), m_daemon(daemon), m_device(device), m_count(count),
+    Burst(Backend *lights, Device *device, quint32 count, int size, int perSecond)
+        : QObject(device->link.get()), m_lights(lights), m_device(device), m_count(count),
           m_perSecond(perSecond), m_value(size, '\0')
     {
         startTimer(perSecond ? 1 : 0, Qt::PreciseTimer);
@@ -32,7 +33,7 @@ protected:
     {
         for (quint32 sent = 0; sent < due() && m_next < m_count; ++sent) {
             qToBigEndian(m_next++, m_value.data());
-            if (!m_daemon->notify(m_device, m_value))
+            if (!m_lights->notify(m_device, m_value))
                 m_next = m_count;
         }
         if (m_next == m_count)
@@ -48,7 +49,7 @@ private:
         return static_cast<quint32>(elapsed.count() * m_perSecond) >= m_next ? longestRun : 0;
     }
 
-    BluetoothDaemon *m_daemon;
+    Backend *m_lights;
     Device *m_device;
     quint32 m_next = 0;
     quint32 m_count;
@@ -57,24 +58,29 @@ private:
     Clock::time_point m_begin = Clock::now();
 };
 
-QString line(const Written &written)
-{
-    return QStringLiteral("%1 %2 %3")
-            .arg(written.characteristic, written.mode, QString::fromLatin1(written.data.toHex()));
-}
-
 } // namespace
 
-Control::Control(BluetoothDaemon *daemon, QObject *parent) : QObject(parent), m_daemon(daemon) { }
+Control::Control(Backend *lights, BluetoothDaemon *daemon, QObject *parent)
+    : QObject(parent), m_lights(lights), m_daemon(daemon)
+{
+}
 
 void Control::fail(const QString &sentence)
 {
     sendErrorReply(interface + QStringLiteral(".Error"), sentence);
 }
 
+bool Control::hasDaemon()
+{
+    if (!m_daemon)
+        fail(QStringLiteral("There is no order \"%1\" for lights on the air.")
+                     .arg(message().member()));
+    return m_daemon;
+}
+
 Device *Control::device(const QString &address)
 {
-    Device *found = m_daemon->find(address);
+    Device *found = m_lights->find(address);
     if (!found)
         fail(QStringLiteral("There is no light %1.").arg(address));
     return found;
@@ -83,7 +89,7 @@ Device *Control::device(const QString &address)
 QStringList Control::lights()
 {
     QStringList addresses;
-    const auto devices = m_daemon->devices();
+    const auto devices = m_lights->devices();
     for (const Device *device : devices)
         addresses.append(device->light.address);
     return addresses;
@@ -91,11 +97,13 @@ QStringList Control::lights()
 
 void Control::add(const QString &json)
 {
+    if (!hasDaemon())
+        return;
     Light light;
     const auto document = QJsonDocument::fromJson(json.toUtf8());
     QString wrong = document.isObject() ? light.apply(document.object())
                                         : QStringLiteral("a light is a JSON object");
-    if (wrong.isEmpty() && m_daemon->find(light.address))
+    if (wrong.isEmpty() && m_lights->find(light.address))
         wrong = QStringLiteral("%1 is there already").arg(light.address);
     if (wrong.isEmpty())
         m_daemon->add(light);
@@ -105,8 +113,21 @@ void Control::add(const QString &json)
 
 void Control::forget(const QString &address)
 {
-    if (Device *found = device(address))
+    Device *found = hasDaemon() ? device(address) : nullptr;
+    if (found)
         m_daemon->forget(found);
+}
+
+// Returns what is wrong with the value, or nothing.
+QString Control::change(Device *device, const QString &key, const QJsonValue &value)
+{
+    Light changed = device->light;
+    QString wrong = changed.set(key, value);
+    if (wrong.isEmpty())
+        wrong = m_lights->check(changed);
+    if (wrong.isEmpty())
+        device->light = changed;
+    return wrong;
 }
 
 void Control::set(const QString &address, const QString &key, const QString &value)
@@ -116,9 +137,11 @@ void Control::set(const QString &address, const QString &key, const QString &val
         return;
     const QString wrong = key == QLatin1String("address")
                                   ? QStringLiteral("an address cannot be changed")
-                                  : found->light.set(key, jsonValueFromText(value));
+                                  : change(found, key, jsonValueFromText(value));
     if (!wrong.isEmpty())
         fail(QStringLiteral("Nothing was changed: %1.").arg(wrong));
+    else
+        m_lights->change(found);
 }
 
 void Control::advertise(const QString &address, const QString &hex)
@@ -126,9 +149,9 @@ void Control::advertise(const QString &address, const QString &hex)
     Device *found = device(address);
     if (!found)
         return;
-    const QString wrong = found->light.set(QStringLiteral("manufacturer"), hex);
+    const QString wrong = change(found, QStringLiteral("manufacturer"), hex);
     if (wrong.isEmpty())
-        m_daemon->advertise(found);
+        m_lights->advertise(found);
     else
         fail(QStringLiteral("Nothing was advertised: %1.").arg(wrong));
 }
@@ -139,13 +162,13 @@ void Control::drop(const QString &address)
     if (found && !found->link)
         fail(QStringLiteral("%1 is not connected.").arg(address));
     else if (found)
-        m_daemon->dropLink(found);
+        m_lights->dropLink(found);
 }
 
 void Control::vanish(const QString &address)
 {
     if (Device *found = device(address))
-        m_daemon->vanishServices(found);
+        m_lights->vanishServices(found);
 }
 
 void Control::notify(const QString &address, const QString &hex)
@@ -156,7 +179,7 @@ void Control::notify(const QString &address, const QString &hex)
     const auto value = bytesFromHex(hex);
     if (!value)
         fail(QStringLiteral("\"%1\" is not a row of hexadecimal pairs.").arg(hex));
-    else if (!m_daemon->notify(found, *value))
+    else if (!m_lights->notify(found, *value))
         fail(QStringLiteral("Nobody listens to %1.").arg(address));
 }
 
@@ -170,11 +193,13 @@ void Control::burst(const QString &address, int count, int size, int perSecond)
     else if (found->notifying.isEmpty())
         fail(QStringLiteral("Nobody listens to %1.").arg(address));
     else
-        new Burst(m_daemon, found, static_cast<quint32>(count), size, perSecond);
+        new Burst(m_lights, found, static_cast<quint32>(count), size, perSecond);
 }
 
 void Control::adapter(const QString &state)
 {
+    if (!hasDaemon())
+        return;
     if (state == QLatin1String("on"))
         m_daemon->setPowered(true);
     else if (state == QLatin1String("off"))
@@ -189,6 +214,8 @@ void Control::adapter(const QString &state)
 
 void Control::daemon(const QString &state)
 {
+    if (!hasDaemon())
+        return;
     if (state == QLatin1String("leave"))
         m_daemon->leaveBus(BluetoothDaemon::Leaving::Clean);
     else if (state == QLatin1String("kill"))
@@ -204,14 +231,14 @@ QStringList Control::written(const QString &address)
     QStringList lines;
     if (const Device *found = device(address))
         std::transform(found->written.cbegin(), found->written.cend(), std::back_inserter(lines),
-                       line);
+                       std::mem_fn(&Written::toString));
     return lines;
 }
 
 QStringList Control::connected()
 {
     QStringList addresses;
-    const auto devices = m_daemon->devices();
+    const auto devices = m_lights->devices();
     for (const Device *device : devices) {
         if (device->connected)
             addresses.append(device->light.address);
@@ -222,7 +249,7 @@ QStringList Control::connected()
 QStringList Control::calls()
 {
     QStringList lines;
-    const auto calls = m_daemon->calls();
+    const auto calls = hasDaemon() ? m_daemon->calls() : QMap<QString, quint64>();
     for (auto call = calls.cbegin(); call != calls.cend(); ++call)
         lines.append(QStringLiteral("%1 %2").arg(call.key(), QString::number(call.value())));
     return lines;
@@ -230,8 +257,10 @@ QStringList Control::calls()
 
 void Control::reset()
 {
+    if (!hasDaemon())
+        return;
     m_daemon->resetCalls();
-    const auto devices = m_daemon->devices();
+    const auto devices = m_lights->devices();
     for (Device *device : devices) {
         device->light = device->original;
         device->written.clear();
@@ -242,11 +271,11 @@ void Control::reset()
 QString Control::report()
 {
     QJsonArray lights;
-    const auto devices = m_daemon->devices();
+    const auto devices = m_lights->devices();
     for (const Device *device : devices) {
         QJsonArray written;
         for (const Written &payload : device->written)
-            written.append(line(payload));
+            written.append(payload.toString());
         lights.append(QJsonObject {
                 { QStringLiteral("address"), device->light.address },
                 { QStringLiteral("name"), device->light.name },
@@ -257,17 +286,17 @@ QString Control::report()
                 { QStringLiteral("written"), written },
         });
     }
-    QJsonObject calls;
-    const auto counts = m_daemon->calls();
-    for (auto call = counts.cbegin(); call != counts.cend(); ++call)
-        calls.insert(call.key(), qint64(call.value()));
-    const QJsonObject report {
-        { QStringLiteral("daemon"), m_daemon->isOnBus() },
-        { QStringLiteral("adapter"), m_daemon->isPresent() },
-        { QStringLiteral("powered"), m_daemon->isPowered() },
-        { QStringLiteral("scanning"), m_daemon->isScanning() },
-        { QStringLiteral("calls"), calls },
-        { QStringLiteral("lights"), lights },
-    };
+    QJsonObject report { { QStringLiteral("lights"), lights } };
+    if (m_daemon) {
+        QJsonObject calls;
+        const auto counts = m_daemon->calls();
+        for (auto call = counts.cbegin(); call != counts.cend(); ++call)
+            calls.insert(call.key(), qint64(call.value()));
+        report.insert(QStringLiteral("calls"), calls);
+        report.insert(QStringLiteral("daemon"), m_daemon->isOnBus());
+        report.insert(QStringLiteral("adapter"), m_daemon->isPresent());
+        report.insert(QStringLiteral("powered"), m_daemon->isPowered());
+        report.insert(QStringLiteral("scanning"), m_daemon->isScanning());
+    }
     return QString::fromUtf8(QJsonDocument(report).toJson(QJsonDocument::Compact));
 }

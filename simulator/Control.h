@@ -4,6 +4,8 @@
 #include <QObject>
 #include <QStringList>
 
+class QJsonValue;
+class Backend;
 class BluetoothDaemon;
 struct Device;
 
@@ -29,7 +31,8 @@ public:
         "org.example.CorvelKXLights1"
     };
 
-    explicit Control(BluetoothDaemon *daemon, QObject *parent = nullptr);
+    /*! Without \a daemon the lights are on the air, where some orders are refused. */
+    explicit Control(Backend *lights, BluetoothDaemon *daemon = nullptr, QObject *parent = nullptr);
 
 public slots:
     /*! The addresses of all lights and other devices. */
@@ -73,6 +76,9 @@ public slots:
 private:
     Device *device(const QString &address);
     void fail(const QString &sentence);
+    bool hasDaemon();
+    QString change(Device *device, const QString &key, const QJsonValue &value);
 
+    Backend *m_lights;
     BluetoothDaemon *m_daemon;
 };

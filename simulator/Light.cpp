@@ -125,6 +125,7 @@ bool setConnect(Light &light, const QJsonValue &value)
         { QStringLiteral("refuse"), Light::Connect::Refuse },
         { QStringLiteral("hang"), Light::Connect::Hang },
         { QStringLiteral("abort"), Light::Connect::Abort },
+        { QStringLiteral("away"), Light::Connect::Away },
     };
     const auto way = ways.constFind(value.toString());
     if (way == ways.constEnd())
@@ -190,7 +191,8 @@ const QHash<QString, Setting> &settings()
           { setManufacturer, QStringLiteral("hexadecimal pairs") } },
         { QStringLiteral("company"), { setCompany, QStringLiteral("a number up to 65535") } },
         { QStringLiteral("connect"),
-          { setConnect, QStringLiteral("\"accept\", \"refuse\", \"hang\" or \"abort\"") } },
+          { setConnect,
+            QStringLiteral("\"accept\", \"refuse\", \"hang\", \"abort\" or \"away\"") } },
         { QStringLiteral("reads"), refusalSetting(&Light::refuseReads) },
         { QStringLiteral("writes"), refusalSetting(&Light::refuseWrites) },
         { QStringLiteral("authentication"), flagSetting(&Light::authentication) },
@@ -232,6 +234,11 @@ QString Light::apply(const QJsonObject &settings)
     if (address.isEmpty())
         return QStringLiteral("\"address\" is missing");
     return {};
+}
+
+QString Light::alias() const
+{
+    return name.isEmpty() ? QString(address).replace(QLatin1Char(':'), QLatin1Char('-')) : name;
 }
 
 QByteArray Light::advertisedData() const

@@ -29,7 +29,7 @@ struct GattService
 */
 struct Light
 {
-    enum class Connect { Accept, Refuse, Hang, Abort };
+    enum class Connect { Accept, Refuse, Hang, Abort, Away };
 
     QString address;
     QString name;
@@ -55,6 +55,8 @@ struct Light
     /*! Applies one setting; returns what is wrong with it, or nothing. */
     QString set(const QString &key, const QJsonValue &value);
 
+    /*! What the light is called by those that see it. */
+    QString alias() const;
     /*! The value that the light advertises: its own bytes, or those that its type asks for. */
     QByteArray advertisedData() const;
     /*! The services that the light has, less what it omits. */

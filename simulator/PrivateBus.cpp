@@ -40,7 +40,7 @@ QByteArray configuration(const QString &socket)
 // that ran it was killed, its children's children and all.
 void endClients(const QByteArray &socket)
 {
-    const QByteArray variable = "DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + socket + ',';
+    const QByteArray variable = "CORVELKX_LIGHTS_BUS=unix:path=" + socket + ',';
     DIR *processes = opendir("/proc");
     if (!processes)
         return;

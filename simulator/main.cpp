@@ -1,3 +1,4 @@
+#include "AirLights.h"
 #include "BluetoothDaemon.h"
 #include "Control.h"
 #include "PrivateBus.h"
@@ -6,6 +7,8 @@
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusMessage>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QMetaMethod>
 #include <QTextStream>
 
@@ -17,6 +20,7 @@ namespace {
 
 // Tells programs that they run among virtual lights, and which program to give orders to.
 constexpr char lightsVariable[] = "CORVELKX_LIGHTS";
+constexpr char busVariable[] = "CORVELKX_LIGHTS_BUS";
 
 constexpr int usageError = 2;
 constexpr int cannotRun = 126;
@@ -98,7 +102,9 @@ int giveOrder(const QStringList &words)
                             usageError);
         message << argument;
     }
-    const QDBusMessage answer = QDBusConnection::systemBus().call(message);
+    const QDBusMessage answer = QDBusConnection::connectToBus(qEnvironmentVariable(busVariable),
+                                                              Control::service)
+                                        .call(message);
     if (answer.type() == QDBusMessage::ErrorMessage)
         return complain(answer.errorMessage(), EXIT_FAILURE);
     const auto results = answer.arguments();
@@ -114,22 +120,24 @@ struct Options
 {
     QList<Light> lights;
     QStringList command;
-    int scanPenalty = 0;
+    bool isRealistic = false;
+    bool isOnAir = false;
+    bool isJson = false;
+    QStringList adapters;
 };
 
-Options readOptions(const QCommandLineParser &parser, QString *error)
+QList<Light> readLights(const QCommandLineParser &parser, bool isOnAir, QString *error)
 {
-    Options options;
-    options.command = parser.positionalArguments();
-    if (options.command.isEmpty())
-        *error = QStringLiteral("There is no command to run; try --help.");
-
+    QList<Light> lights;
     if (parser.isSet(QStringLiteral("lights")))
-        options.lights = lightsFromFile(parser.value(QStringLiteral("lights")), error);
+        lights = lightsFromFile(parser.value(QStringLiteral("lights")), error);
     const QStringList descriptions = parser.values(QStringLiteral("light"));
     for (const QString &description : descriptions) {
         QString wrong;
-        options.lights.append(lightFromText(description, &wrong));
+        // On the air the address is the adapter's.
+        const QString given = (isOnAir ? QStringLiteral("address=00:00:00:00:00:00,") : QString())
+                              + description;
+        lights.append(lightFromText(given, &wrong));
         if (!wrong.isEmpty())
             *error = QStringLiteral("--light %1: %2").arg(description, wrong);
     }
@@ -139,16 +147,36 @@ Options readOptions(const QCommandLineParser &parser, QString *error)
         if (!isNumber || count < 1 || count > 65536)
             *error = QStringLiteral("--crowd takes a number from 1 to 65536.");
         else
-            options.lights += crowdOfLights(count);
+            lights += crowdOfLights(count);
     }
-    if (options.lights.isEmpty() && error->isEmpty())
-        options.lights = defaultLights();
+    if (lights.isEmpty() && error->isEmpty()) {
+        lights = defaultLights();
+        if (isOnAir) // only the one that the single-device client looks for
+            lights.removeIf([](const Light &light) { return light.type != 3; });
+    }
+    return lights;
+}
+
+Options readOptions(const QCommandLineParser &parser, QString *error)
+{
+    Options options;
+    options.command = parser.positionalArguments();
+    options.adapters = parser.values(QStringLiteral("adapter"));
+    options.isOnAir = parser.isSet(QStringLiteral("air"));
+    options.isJson = parser.isSet(QStringLiteral("json"));
+    options.isRealistic = parser.isSet(QStringLiteral("realistic"));
+    if (options.isOnAir && options.isRealistic)
+        *error = QStringLiteral("--realistic is for lights that are not on the air.");
+    else if (!options.isOnAir && (options.isJson || !options.adapters.isEmpty()))
+        *error = QStringLiteral("--adapter and --json are for lights on the air; add --air.");
+    else if (!options.isOnAir && options.command.isEmpty())
+        *error = QStringLiteral("There is no command to run; try --help.");
+    options.lights = readLights(parser, options.isOnAir, error);
 
     // What a Linux machine with a real adapter was seen to do.
-    if (parser.isSet(QStringLiteral("realistic"))) {
-        options.scanPenalty = 10000;
+    if (options.isRealistic) {
         for (Light &light : options.lights) {
-            light.latency = 700;
+            light.latency = 1800;
             light.disconnectDelay = 2000;
         }
     }
@@ -157,12 +185,18 @@ Options readOptions(const QCommandLineParser &parser, QString *error)
 
 int runCommand(const Options &options, const QString &busAddress)
 {
-    const QStringList &words = options.command;
+    const QStringList words = options.command.isEmpty() ? QStringList { QStringLiteral("sleep"),
+                                                                        QStringLiteral("infinity") }
+                                                        : options.command;
     QProcess command;
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), busAddress);
-    // Else Qt would run this program to ask it for the version of bluetoothd.
-    environment.insert(QStringLiteral("BLUETOOTH_FORCE_DBUS_LE_VERSION"), QStringLiteral("5.66"));
+    if (!options.isOnAir) {
+        environment.insert(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), busAddress);
+        // Else Qt would run this program to ask it for the version of bluetoothd.
+        environment.insert(QStringLiteral("BLUETOOTH_FORCE_DBUS_LE_VERSION"),
+                           QStringLiteral("5.66"));
+    }
+    environment.insert(QString::fromLatin1(busVariable), busAddress);
     environment.insert(QString::fromLatin1(lightsVariable),
                        QCoreApplication::applicationFilePath());
     command.setProcessEnvironment(environment);
@@ -187,28 +221,63 @@ int runCommand(const Options &options, const QString &busAddress)
     return QCoreApplication::exec();
 }
 
+int playOnAir(const Options &options, QDBusConnection orders, const QString &busAddress)
+{
+    handSignalsOn(); // from here on there is something to put back
+    AirLights lights(QDBusConnection::systemBus());
+    const QString wrong = lights.start(options.lights, options.adapters);
+    if (!wrong.isEmpty())
+        return complain(wrong, EXIT_FAILURE);
+    Control control(&lights);
+    orders.registerObject(Control::path, &control, QDBusConnection::ExportAllSlots);
+    orders.registerService(Control::service);
+    QObject::connect(&lights, &AirLights::failed,
+                     [](const QString &sentence) { complain(sentence, EXIT_FAILURE); });
+    const auto print = [&options](const Device &device, const QString &event,
+                                  const QString &detail) {
+        const QJsonObject object { { QStringLiteral("address"), device.light.address },
+                                   { QStringLiteral("event"), event },
+                                   { QStringLiteral("detail"), detail } };
+        QTextStream(stdout)
+                << (options.isJson
+                            ? QString::fromUtf8(
+                                    QJsonDocument(object).toJson(QJsonDocument::Compact))
+                            : QStringLiteral("%1 %2 %3").arg(device.light.address, event, detail))
+                << Qt::endl;
+    };
+    if (options.command.isEmpty()) {
+        lights.happened = print;
+        const auto devices = lights.devices();
+        for (const Device *device : devices)
+            print(*device, QStringLiteral("advertised"), lights.adapterOf(device));
+    }
+    return runCommand(options, busAddress);
+}
+
+int playStandIn(const Options &options, QDBusConnection bus, const QString &busAddress)
+{
+    BluetoothDaemon daemon(bus);
+    Control control(&daemon, &daemon);
+    bus.registerObject(Control::path, &control, QDBusConnection::ExportAllSlots);
+    daemon.setRealistic(options.isRealistic);
+    for (const Light &light : options.lights)
+        daemon.add(light);
+    if (bus.registerService(Control::service) && daemon.enterBus())
+        return runCommand(options, busAddress);
+    return complain(QStringLiteral("The private bus cannot be used: %1")
+                            .arg(bus.lastError().message()),
+                    EXIT_FAILURE);
+}
+
 int serve(const Options &options)
 {
     PrivateBus privateBus;
     if (!privateBus.start())
         return complain(privateBus.error(), EXIT_FAILURE);
     const QString name = QStringLiteral("lights");
-    int status = EXIT_FAILURE;
-    {
-        QDBusConnection bus = QDBusConnection::connectToBus(privateBus.address(), name);
-        BluetoothDaemon daemon(bus);
-        Control control(&daemon);
-        bus.registerObject(Control::path, &control, QDBusConnection::ExportAllSlots);
-        daemon.setScanPenalty(options.scanPenalty);
-        for (const Light &light : options.lights)
-            daemon.add(light);
-        if (bus.registerService(Control::service) && daemon.enterBus())
-            status = runCommand(options, privateBus.address());
-        else
-            complain(QStringLiteral("The private bus cannot be used: %1")
-                             .arg(bus.lastError().message()),
-                     status);
-    }
+    const auto play = options.isOnAir ? playOnAir : playStandIn;
+    const int status = play(options, QDBusConnection::connectToBus(privateBus.address(), name),
+                            privateBus.address());
     QDBusConnection::disconnectFromBus(name);
     return status;
 }
@@ -226,7 +295,8 @@ int main(int argc, char *argv[])
     parser.setApplicationDescription(
             QStringLiteral(
                     "Runs COMMAND among virtual lights, on a bus of its own, and ends with its "
-                    "exit status.\nThe machine's own bus and adapter are never touched.\n\n"
+                    "exit status.\nThe machine's own bus and adapter are touched with --air "
+                    "alone.\n\n"
                     "From inside COMMAND, `corvelkx-lights ctl ORDER...` gives orders:")
             + orderSummary());
     parser.addOption(
@@ -241,8 +311,16 @@ int main(int argc, char *argv[])
               QStringLiteral("description") },
             { QStringLiteral("crowd"), QStringLiteral("Offer <count> lights of all types."),
               QStringLiteral("count") },
+            { QStringLiteral("air"),
+              QStringLiteral("Play the lights on real adapters, one on each, for this and other "
+                             "machines; until interrupted where there is no COMMAND.") },
+            { QStringLiteral("adapter"),
+              QStringLiteral("With --air: play on <name>, such as hci1; may be repeated."),
+              QStringLiteral("name") },
+            { QStringLiteral("json"),
+              QStringLiteral("With --air: print what happens as one JSON object a line.") },
             { QStringLiteral("realistic"),
-              QStringLiteral("Be as slow as a real adapter: 0.7 s to connect, 10 s more during a "
+              QStringLiteral("Be as slow as a real adapter: 1.8 s to connect, 10 s more during a "
                              "scan, 2 s to disconnect.") },
     });
     parser.addPositionalArgument(QStringLiteral("COMMAND"), QStringLiteral("What to run."),
