@@ -29,6 +29,7 @@ doxygen_add_docs(docs
     docs/performance.md
     docs/plugin.md
     docs/testing.md
+    docs/real-stack.md
     hostkit/CorvelKXHost.h
     hostkit/CorvelKXLight.h
     hostkit/CorvelKXLightModel.h

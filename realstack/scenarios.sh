@@ -71,7 +71,7 @@ talk() {
 }
 lives_again() {
     see unloaded
-    watch 4
+    watch 6
     host new
     bring_up "$first"
     works_again "$first"
@@ -89,7 +89,7 @@ ends_by() {
     host connect "$second"
     host "$1"
     wait "$process" || fail "the host ended with status $?"
-    sleep 4
+    sleep 6
     begin
     host new
     bring_up "$first"

@@ -99,7 +99,7 @@ AirLights::~AirLights()
     happened = nullptr;
     for (const auto &device : m_devices) {
         if (device->connected)
-            dropLink(device.get());
+            AirLights::dropLink(device.get());
         setAdvertisement(device.get(), {});
         setServices(device.get(), {});
         setAlias(m_adapters[device.get()], m_adapters[device.get()].alias);
