@@ -65,7 +65,7 @@ private:
             m_output->say(help());
             return EXIT_SUCCESS;
         }
-        m_output->complain(QStringLiteral("\"%1\" is no command of the shell; try help.")
+        m_output->complain(QStringLiteral("\"%1\" is not understood; help lists the commands.")
                                    .arg(printable(words.join(QLatin1Char(' ')))));
         return usageError;
     }

@@ -70,7 +70,7 @@ QString check(const QStringList &words)
     if (name == QLatin1String("single"))
         return {};
     if (name == QLatin1String("send"))
-        return given == 2 ? QString() : QStringLiteral("send needs an address and a payload.");
+        return given == 2 ? QString() : QStringLiteral("send takes an address and one payload.");
     return QStringLiteral("\"%1\" is no command; try --help.").arg(printable(name));
 }
 

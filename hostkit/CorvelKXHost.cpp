@@ -29,6 +29,9 @@ milliseconds grown(milliseconds first, milliseconds longest, int failures)
     return std::min(longest, first * (1 << std::min(failures, 10)));
 }
 
+// The one that uses the plugin, which has one object for all who load it.
+QPointer<Host> theUser;
+
 QString findPlugin()
 {
     QStringList directories { QCoreApplication::applicationDirPath(),
@@ -68,6 +71,10 @@ bool Host::load(const QString &fileName)
 {
     if (m_plugin)
         return true;
+    if (theUser && theUser != this) {
+        setError(Error::PluginError, tr("Another CorvelKX::Host uses the plugin already."));
+        return false;
+    }
     const QString file = fileName.isEmpty() ? findPlugin() : fileName;
     if (file.isEmpty()) {
         setError(Error::PluginError,
@@ -88,6 +95,7 @@ bool Host::load(const QString &fileName)
                                              .arg(file, m_loader.errorString().simplified()));
         return false;
     }
+    theUser = this;
     setError(Error::NoError);
     watchPlugin();
     return true;
@@ -171,9 +179,17 @@ Light *Host::add(const QString &address)
     return light;
 }
 
+// Whether something can be asked for; tells where load() was left out.
+bool Host::isUsable()
+{
+    if (!m_plugin && !m_isClosing && m_error == Error::NoError)
+        setError(Error::PluginError, tr("The plugin was not loaded."));
+    return m_plugin && !m_isClosing;
+}
+
 void Host::startScan(milliseconds duration)
 {
-    if (!m_plugin || m_isClosing)
+    if (!isUsable())
         return;
     m_scanEnd = QDeadlineTimer(duration);
     stopPluginScan(); // the next one tells of all lights again
@@ -358,7 +374,7 @@ bool Host::send(Light *light, const QByteArray &data)
 
 void Host::want(Light *light, Wish wish, QDeadlineTimer giveUp)
 {
-    if (!m_plugin || m_isClosing || light->m_isForgotten)
+    if (!isUsable() || light->m_isForgotten)
         return;
     setWish(light, wish);
     light->m_giveUp = light->isReady() ? QDeadlineTimer::Forever : giveUp;
@@ -688,6 +704,7 @@ void Host::finishClose()
 {
     if (std::exchange(m_isClosed, true))
         return;
+    theUser = nullptr;
     m_timer.stop();
     m_closeEnd = QDeadlineTimer::Forever;
     QStringList stillConnected;

@@ -24,7 +24,8 @@ namespace CorvelKX {
     \b Ownership. Owns the Light objects. Deleting it at any moment disconnects all lights and
     emits nothing; so does the end of the application. The library stays loaded. Do not delete it
     from a slot of its own signals; deleteLater() may be called there.
-    \b Order. load() comes first. Only one Host at a time.
+    \b Order. load() comes first; without it, nothing happens but an error. Only one Host at a time:
+    load() fails for a second one.
     \b Failure. error() tells what keeps the host from its lights, errorString() as a sentence for
     people. It is NoError again as soon as a scan works.
 */
@@ -152,6 +153,7 @@ private:
     using Reason = Light::Reason;
     using Wish = Light::Wish;
 
+    bool isUsable();
     void watchPlugin();
     void onScanFailed(QBluetoothDeviceDiscoveryAgent::Error error);
 

@@ -18,7 +18,8 @@ class Host;
     \b Thread. The thread of its Host; call it there only. Nothing blocks.
     \b Ownership. Made and owned by its Host. It is deleted later than it is Gone, so that a slot may
     still use it; do not keep the pointer after Host::lightRemoved().
-    \b Order. Nothing has to be called first: connectToDevice() looks for a light that was not seen.
+    \b Order. Host::load() comes first. No scan is needed: connectToDevice() looks for a light that
+    was not seen.
     \b Failure. state() and reason() tell; reasonString() is a sentence for people.
 */
 class Light : public QObject
@@ -93,7 +94,8 @@ public:
 
     /*!
         Connects the light, once, within \a timeout. It is looked for where it was not seen lately,
-        and attempts are repeated until the time is over. Ready or Seen tells how that ended.
+        and attempts are repeated until the time is over. Ready tells of success, Seen or Unseen of
+        failure; after an attempt that hangs, up to Host::Times::disconnection later.
         Nothing happens where a connection is there or under way. It ends at once where no scan is
         possible.
     */

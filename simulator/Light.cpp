@@ -379,7 +379,7 @@ QList<Light> lightsFromFile(const QString &fileName, QString *error)
         return {};
     }
     if (!document.isArray() || document.array().isEmpty()) {
-        *error = QStringLiteral("%1: a light file is a list of lights").arg(fileName);
+        *error = QStringLiteral("%1: a light file is a list of at least one light").arg(fileName);
         return {};
     }
 
