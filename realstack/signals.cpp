@@ -102,7 +102,7 @@ void Host::obey(const QString &command, const QString &address, const QString &d
 {
     if (command == QLatin1String("new"))
         load();
-    else if (command == QLatin1String("unload"))
+    else if (command == QLatin1String("unload") || command == QLatin1String("end"))
         unload();
     else if (command == QLatin1String("unload-at"))
         unloadAt = address + (detail.isEmpty() ? QString() : QLatin1Char(' ') + detail);
@@ -122,8 +122,6 @@ void Host::obey(const QString &command, const QString &address, const QString &d
         keep(address);
     else if (command == QLatin1String("tell"))
         m_library->light(address)->send(QByteArray::fromHex(detail.toLatin1()));
-    else if (command == QLatin1String("end"))
-        unload();
     if (command == QLatin1String("end") || command == QLatin1String("leave"))
         QCoreApplication::quit();
 }
@@ -164,5 +162,6 @@ int main(int argc, char *argv[])
     });
     const int status = QCoreApplication::exec();
     qInstallMessageHandler(nullptr);
+    host = nullptr;
     return status;
 }
