@@ -18,8 +18,6 @@
 
 namespace {
 
-QString unloadAt; // set before the line can come
-
 void print(const QString &line)
 {
     std::puts(qPrintable(line));
@@ -29,6 +27,8 @@ void print(const QString &line)
 class Host : public QObject
 {
 public:
+    QString unloadAt; //!< set before the line can come
+
     explicit Host(const QString &plugin) : m_loader(plugin) { }
     void obey(const QString &command, const QString &address, const QString &detail);
     void unload();
@@ -131,8 +131,8 @@ Host *host = nullptr;
 void onLog(QtMsgType, const QMessageLogContext &, const QString &line)
 {
     std::fprintf(stderr, "%s\n", qPrintable(line));
-    if (!unloadAt.isEmpty() && line.contains(unloadAt)) {
-        unloadAt.clear();
+    if (!host->unloadAt.isEmpty() && line.contains(host->unloadAt)) {
+        host->unloadAt.clear();
         QMetaObject::invokeMethod(host, &Host::unload, Qt::QueuedConnection);
     }
 }

@@ -31,12 +31,12 @@ Bluez::ManagedObjects Bluez::gattObjects(const QString &path, const QList<GattSe
     const auto parent = [](const QString &parentPath) {
         return QVariant::fromValue(QDBusObjectPath(parentPath));
     };
-    for (const GattService &service : services) {
+    for (const GattService &gatt : services) {
         const QString servicePath = numbered(path, "service", handle++);
         objects[QDBusObjectPath(servicePath)][serviceInterface] = {
-            { uuidKey, service.uuid }, { QStringLiteral("Primary"), true }
+            { uuidKey, gatt.uuid }, { QStringLiteral("Primary"), true }
         };
-        for (const GattCharacteristic &characteristic : service.characteristics) {
+        for (const GattCharacteristic &characteristic : gatt.characteristics) {
             const QString characteristicPath = numbered(servicePath, "char", handle++);
             objects[QDBusObjectPath(characteristicPath)][characteristicInterface] = {
                 { uuidKey, characteristic.uuid },

@@ -126,7 +126,7 @@ struct Controller
 
 struct Link : QObject
 {
-    Controller *ends[2]; // central and peripheral
+    Controller *ends[2] = {}; // central and peripheral
     QByteArray handle;
     QByteArray timing;            // interval, latency, supervision time-out
     QQueue<QByteArray> queues[2]; // from the central and from the peripheral
@@ -243,15 +243,17 @@ QByteArray Air::carryOut(Controller *controller, int command, const QByteArray &
 {
     const char first = parameters.isEmpty() ? '\0' : parameters.front();
     switch (command) {
-    case Reset:
+    case Reset: {
         controller->isScanning = false;
         controller->wanted.clear();
         controller->advertising.stop();
-        for (Link *link : m_links.values()) {
+        const auto links = m_links;
+        for (Link *link : links) {
             if (link->ends[0] == controller || link->ends[1] == controller)
                 end(link, ConnectionTimeout, ConnectionTimeout);
         }
         break;
+    }
     case ReadLocalVersion: // 4.2
         return QByteArray::fromHex("00080000"
                                    "08f1050000");
@@ -374,10 +376,10 @@ void Air::connectEnds(Controller *central, Controller *peripheral)
     link->event.callOnTimeout(link, [=] { carry(link); });
     central->wanted.clear();
     peripheral->advertising.stop();
-    for (const char role : { '\0', '\1' }) {
-        link->ends[int(role)]->tell(ConnectionComplete, char(Success) + link->handle + role + '\0'
-                                                                + link->ends[1 - role]->address
-                                                                + link->timing + '\0');
+    for (const int role : { 0, 1 }) {
+        link->ends[role]->tell(ConnectionComplete, char(Success) + link->handle + char(role) + '\0'
+                                                           + link->ends[1 - role]->address
+                                                           + link->timing + '\0');
     }
     log(QStringLiteral("%1 and %2 are connected").arg(central->name, peripheral->name));
 }
