@@ -30,7 +30,7 @@ milliseconds grown(milliseconds first, milliseconds longest, int failures)
 }
 
 // The one that uses the plugin, which has one object for all who load it.
-QPointer<Host> theUser;
+Host *theUser = nullptr;
 
 QString findPlugin()
 {
@@ -58,6 +58,8 @@ Host::Host(QObject *parent) : QObject(parent)
 
 Host::~Host()
 {
+    if (theUser == this)
+        theUser = nullptr;
     if (!m_plugin)
         return;
     // The plugin object stays: its thread may be busy, and is ended with the application.
@@ -71,7 +73,7 @@ bool Host::load(const QString &fileName)
 {
     if (m_plugin)
         return true;
-    if (theUser && theUser != this) {
+    if (theUser) {
         setError(Error::PluginError, tr("Another CorvelKX::Host uses the plugin already."));
         return false;
     }

@@ -5,7 +5,6 @@
 
 #include <QDateTime>
 #include <QMetaEnum>
-#include <QPointer>
 
 #include <algorithm>
 #include <utility>
@@ -16,7 +15,7 @@ using Qt::StringLiterals::operator""_s;
 
 namespace {
 
-QPointer<LogModel> debugLogReader;
+LogModel *debugLogReader = nullptr;
 QtMessageHandler previousHandler = nullptr;
 
 // Brings what the plugin writes on its thread to the window's, on which it is made; never deleted.
@@ -91,8 +90,8 @@ void LogModel::setPaused(bool paused)
 
 void LogModel::setDebugLogShown(bool shown)
 {
-    debugLogReader = this;
-    relay();
+    if (std::exchange(debugLogReader, this) != this)
+        connect(this, &QObject::destroyed, relay(), [] { debugLogReader = nullptr; });
     if (!previousHandler)
         previousHandler = qInstallMessageHandler(relayDebugLog);
     enableLog(shown);

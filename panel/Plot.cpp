@@ -76,8 +76,8 @@ void Plot::drawText(QPainter *painter, const QRectF &area, quint64 top) const
     const QRectF below(area.left(), area.bottom() + 4, area.width(), line);
     painter->drawText(below, Qt::AlignLeft, tr("60 s ago"));
     painter->drawText(below, Qt::AlignRight, tr("now"));
-    for (const int half : { 0, 1, 2 }) {
-        const double y = area.bottom() - area.height() * half / 2;
+    for (const quint64 half : { 0U, 1U, 2U }) {
+        const double y = area.bottom() - area.height() * double(half) / 2;
         painter->drawText(QRectF(0, y - line / 2, area.left() - 6, line),
                           Qt::AlignRight | Qt::AlignVCenter, QString::number(top * half / 2));
         painter->fillRect(QRectF(area.left(), y, area.width(), 1),

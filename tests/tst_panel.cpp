@@ -125,7 +125,7 @@ private slots:
         QTest::keyClicks(find(u"Payload"_s), u"0102 ff"_s);
         QTest::keyClick(find(u"Payload"_s), Qt::Key_Return);
         QVERIFY(shows(first, received, u"1"_s) && shows(second, received, u"1"_s));
-        QCOMPARE(m_lights.payloads(second).last(), u"request 0102ff"_s);
+        QCOMPARE(m_lights.payloads(second).constLast(), u"request 0102ff"_s);
         click(u"Disconnect"_s);
         QVERIFY(shows(first, state, u"seen"_s) && shows(second, state, u"seen"_s));
         m_table->setFocus();
