@@ -162,7 +162,7 @@ class Bench:
         self.print(Row("instructions of a notification", "", goal="≤ 1.25; log on ≤ 1.6"), values)
 
     def library(self):
-        plugin = next(BUILD.rglob("libCorvelKXBleDLL.so"))
+        plugin = next((BUILD / "lib").rglob("libCorvelKXBleDLL.so"))
         symbols = output_of("nm", "-D", "--defined-only", plugin).count("\n")
         relocations = output_of("readelf", "-rW", plugin).count("R_")
         for row, value in ((Row("library: size", "", "bytes"), plugin.stat().st_size),

@@ -275,7 +275,7 @@ void Soak::close()
         require(stillConnected.isEmpty(), "A light did not disconnect.");
         isClosed = true;
     });
-    m_host.close();
+    m_host.close(std::chrono::minutes(1)); // also under a sanitizer
     require(waitFor([&] { return isClosed && order("connected").isEmpty(); }, pollInterval),
             "A light stays connected.");
 }
