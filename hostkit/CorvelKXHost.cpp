@@ -472,10 +472,7 @@ void Host::attempt(Light *light)
 void Host::letGo(Light *light, Reason reason)
 {
     light->m_freshUntil = QDeadlineTimer(0);
-    // The limit of close() counts for a link, and whether it went is told at its end.
-    const bool isOpenEnded = m_isClosing && light->m_phase == Phase::Ready;
-    enter(light, Phase::Removing,
-          isOpenEnded ? QDeadlineTimer::Forever : QDeadlineTimer(m_times.disconnection), reason);
+    enter(light, Phase::Removing, QDeadlineTimer(m_times.disconnection), reason);
     m_hasAnswered = false;
     m_plugin->removeDevice(light->m_address);
 }

@@ -234,9 +234,9 @@ void TestHost::closing()
         light->setKeepConnected(true);
     QVERIFY(becomes(m_light, Light::State::Ready));
     QVERIFY(becomes(slow, Light::State::Ready));
-    m_lights.set(slow->address(), u"disconnectDelay"_s, u"800"_s);
+    m_lights.set(slow->address(), u"disconnectDelay"_s, u"200"_s);
     QSignalSpy closed(m_host.get(), &Host::closed);
-    m_host->close(400ms); // longer than the light may take at other times
+    m_host->close(50ms);
     QVERIFY(waitFor([&] { return closed.size() == 1; }));
     QCOMPARE(closed.at(0).at(0).toStringList(), QStringList { slow->address() });
     QVERIFY(!m_light->isReady());
