@@ -131,7 +131,7 @@ Host *host = nullptr;
 void onLog(QtMsgType, const QMessageLogContext &, const QString &line)
 {
     std::fprintf(stderr, "%s\n", qPrintable(line));
-    if (!host->unloadAt.isEmpty() && line.contains(host->unloadAt)) {
+    if (host && !host->unloadAt.isEmpty() && line.contains(host->unloadAt)) {
         host->unloadAt.clear();
         QMetaObject::invokeMethod(host, &Host::unload, Qt::QueuedConnection);
     }
