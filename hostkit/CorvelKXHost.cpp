@@ -703,7 +703,6 @@ void Host::finishClose()
 {
     if (std::exchange(m_isClosed, true))
         return;
-    theUser = nullptr;
     m_timer.stop();
     m_closeEnd = QDeadlineTimer::Forever;
     QStringList stillConnected;
@@ -721,6 +720,8 @@ void Host::finishClose()
         // has not been stopped by then goes on as long as the process.
         if (stillConnected.isEmpty() && m_hasAnswered)
             delete plugin;
+        if (theUser == this)
+            theUser = nullptr;
         emit closed(stillConnected);
     };
     QMetaObject::invokeMethod(this, end, Qt::QueuedConnection);

@@ -9,6 +9,7 @@
 #include "CorvelKXHost.h"
 
 #include <QCoreApplication>
+#include <QMutex>
 #include <QPluginLoader>
 #include <QSocketNotifier>
 
@@ -27,19 +28,20 @@ void print(const QString &line)
 class Host : public QObject
 {
 public:
-    QString unloadAt; //!< set before the line can come
-
     explicit Host(const QString &plugin) : m_loader(plugin) { }
     void obey(const QString &command, const QString &address, const QString &detail);
-    void unload();
+    void onLogged(const QString &line);
 
 private:
     void load();
+    void unload();
     void keep(const QString &address);
 
     std::unique_ptr<CorvelKX::Host> m_library;
     QPluginLoader m_loader;
     CorvelKXBleInterface *m_plugin = nullptr;
+    QMutex m_mutex; // the plugin logs on its own thread, too
+    QString m_unloadAt;
 };
 
 void Host::load()
@@ -104,9 +106,10 @@ void Host::obey(const QString &command, const QString &address, const QString &d
         load();
     else if (command == QLatin1String("unload") || command == QLatin1String("end"))
         unload();
-    else if (command == QLatin1String("unload-at"))
-        unloadAt = address + (detail.isEmpty() ? QString() : QLatin1Char(' ') + detail);
-    else if (command == QLatin1String("start"))
+    else if (command == QLatin1String("unload-at")) {
+        const QMutexLocker locker(&m_mutex);
+        m_unloadAt = address + (detail.isEmpty() ? QString() : QLatin1Char(' ') + detail);
+    } else if (command == QLatin1String("start"))
         m_plugin->start();
     else if (command == QLatin1String("stop"))
         m_plugin->stop();
@@ -126,15 +129,21 @@ void Host::obey(const QString &command, const QString &address, const QString &d
         QCoreApplication::quit();
 }
 
-Host *host = nullptr;
+void Host::onLogged(const QString &line)
+{
+    const QMutexLocker locker(&m_mutex);
+    if (m_unloadAt.isEmpty() || !line.contains(m_unloadAt))
+        return;
+    m_unloadAt.clear();
+    QMetaObject::invokeMethod(this, &Host::unload, Qt::QueuedConnection);
+}
+
+Host *theHost = nullptr; // never deleted: the plugin's thread may log until the process ends
 
 void onLog(QtMsgType, const QMessageLogContext &, const QString &line)
 {
     std::fprintf(stderr, "%s\n", qPrintable(line));
-    if (host && !host->unloadAt.isEmpty() && line.contains(host->unloadAt)) {
-        host->unloadAt.clear();
-        QMetaObject::invokeMethod(host, &Host::unload, Qt::QueuedConnection);
-    }
+    theHost->onLogged(line);
 }
 
 } // namespace
@@ -142,12 +151,11 @@ void onLog(QtMsgType, const QMessageLogContext &, const QString &line)
 int main(int argc, char *argv[])
 {
     QCoreApplication app(argc, argv);
-    Host self(QCoreApplication::arguments().value(1));
-    host = &self;
+    theHost = new Host(QCoreApplication::arguments().value(1));
     qInstallMessageHandler(onLog);
     QSocketNotifier commands(STDIN_FILENO, QSocketNotifier::Read);
     QByteArray typed;
-    QObject::connect(&commands, &QSocketNotifier::activated, &self, [&] {
+    QObject::connect(&commands, &QSocketNotifier::activated, theHost, [&] {
         char bytes[512];
         const auto size = read(STDIN_FILENO, bytes, sizeof(bytes));
         if (size <= 0)
@@ -156,12 +164,9 @@ int main(int argc, char *argv[])
         for (auto end = typed.indexOf('\n'); end >= 0; end = typed.indexOf('\n')) {
             const QString line = QString::fromLatin1(typed.left(end));
             typed.remove(0, end + 1);
-            self.obey(line.section(QLatin1Char(' '), 0, 0), line.section(QLatin1Char(' '), 1, 1),
-                      line.section(QLatin1Char(' '), 2));
+            theHost->obey(line.section(QLatin1Char(' '), 0, 0),
+                          line.section(QLatin1Char(' '), 1, 1), line.section(QLatin1Char(' '), 2));
         }
     });
-    const int status = QCoreApplication::exec();
-    qInstallMessageHandler(nullptr);
-    host = nullptr;
-    return status;
+    return QCoreApplication::exec();
 }

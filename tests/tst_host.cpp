@@ -237,6 +237,11 @@ void TestHost::closing()
     m_lights.set(slow->address(), u"disconnectDelay"_s, u"200"_s);
     QSignalSpy closed(m_host.get(), &Host::closed);
     m_host->close(50ms);
+    Host second;
+    second.startScan();
+    QCOMPARE(second.error(), Host::Error::PluginError);
+    QVERIFY(!second.load(QStringLiteral(PLUGIN_FILE))); // one at a time
+    QVERIFY(second.errorString().contains(u"already"_s));
     QVERIFY(waitFor([&] { return closed.size() == 1; }));
     QCOMPARE(closed.at(0).at(0).toStringList(), QStringList { slow->address() });
     QVERIFY(!m_light->isReady());
