@@ -25,7 +25,7 @@ column=0
 for what in "from start() until the light is ready" "five payloads and their answers, one after the other"; do
     column=$((column + 1))
     bare=$(median /tmp/bare.times $column) plugin=$(median /tmp/plugin.times $column)
-    printf 'measured\t%s\t%s\t%s\t%s\n' "$what" "$plugin" "$bare" "$(dc -e "3k $plugin $bare / p")"
+    printf 'measured\t%s\t%s\t%s\t%s\n' "$what" "$plugin" "$bare" "$(echo "$plugin $bare" | awk '{ printf "%.3f", $1 / $2 }')"
     [ $((plugin * 100)) -le $((bare * most)) ] && outcome=passed || outcome="$plugin ms beside $bare ms"
     printf 'result\tmeasured: %s\treal\t%s\t\n' "$what" "$outcome"
 done

@@ -7,7 +7,8 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 version=${package#linux-image-}
 
-(cd "$work" && apt-get -qq download "$package" && dpkg-deb --extract ./*.deb .)
+(cd "$work" && apt-get -qq -o APT::Sandbox::User=root download "$package" && dpkg-deb --extract ./*.deb .)
+[ -e "$work/lib" ] || ln -s usr/lib "$work/lib" # from Debian 13 on
 depmod -b "$work" "$version"
 
 # drbg before ecdh_generic, else the kernel has no security manager and powers no Low Energy controller.
@@ -22,9 +23,9 @@ done
 xz --decompress --force "$work"/root/modules/*.xz 2>/dev/null && sed -i 's/\.xz$//' "$work/root/modules/list"
 
 mkdir -p "$directory"
-# Without its own decompressor the kernel boots four seconds sooner.
+# Without its own decompressor the kernel boots four seconds sooner. Debian 12 packs it with xz.
 packed=$work/boot/vmlinuz-$version
-offset=$(LC_ALL=C grep -obUaP '\xFD7zXZ\x00' "$packed" | head -n 1 | cut -d : -f 1)
-tail -c "+$((offset + 1))" "$packed" | xz --decompress --single-stream >"$directory/kernel" 2>/dev/null || true
+offset=$(LC_ALL=C grep -obUaP '\xFD7zXZ\x00' "$packed" | head -n 1 | cut -d : -f 1) &&
+    tail -c "+$((offset + 1))" "$packed" | xz --decompress --single-stream >"$directory/kernel" 2>/dev/null || true
 [ -s "$directory/kernel" ] || cp "$packed" "$directory/kernel"
 (cd "$work/root" && find . | cpio --create --format=newc --quiet) >"$directory/modules.cpio"
