@@ -2,6 +2,7 @@
 
 #include "VirtualLights.h"
 
+#include <QAbstractItemView>
 #include <QApplication>
 #include <QCloseEvent>
 #include <QMessageBox>
@@ -23,9 +24,7 @@ MainWindow::MainWindow(const QString &plugin, QWidget *parent)
     m_ui.lights->setLights(&m_model);
     m_ui.plot->setModel(&m_model);
     m_ui.log->setLog(&m_log);
-    const auto buttons = m_ui.toolBar->findChildren<QToolButton *>();
-    for (QToolButton *button : buttons)
-        button->setFocusPolicy(Qt::TabFocus);
+    prepareForKeyboardAndReader();
     qApp->installEventFilter(this);
     connectActions();
     connect(&m_model, &LightsModel::sampled, this, &MainWindow::updateScan);
@@ -44,6 +43,22 @@ MainWindow::MainWindow(const QString &plugin, QWidget *parent)
     if (m_host.load(plugin))
         scan();
     updateScan();
+}
+
+// Qt keeps the buttons of a tool bar from the keyboard, and names no control that it adds by itself.
+void MainWindow::prepareForKeyboardAndReader()
+{
+    const auto buttons = m_ui.toolBar->findChildren<QToolButton *>();
+    for (QToolButton *button : buttons) {
+        button->setFocusPolicy(Qt::TabFocus);
+        if (button->text().isEmpty())
+            button->setAccessibleName(tr("More commands"));
+    }
+    for (QLineEdit *filter : { m_ui.filter, m_ui.log->filter() })
+        filter->findChild<QToolButton *>()->setAccessibleName(tr("Clear the filter"));
+    const auto boxes = findChildren<QComboBox *>();
+    for (QComboBox *box : boxes)
+        box->view()->setAccessibleName(box->accessibleName());
 }
 
 void MainWindow::connectActions()
@@ -156,7 +171,8 @@ void MainWindow::updateProblem()
 {
     using Error = Host::Error;
     const QHash<Error, QString> help {
-        { Error::NoAdapter, tr("Plug an adapter in, or start the Bluetooth service.") },
+        { Error::NoAdapter, tr("Plug an adapter in, start the Bluetooth service, or ask the "
+                               "administrator for the permission.") },
         { Error::AdapterOff, tr("Switch it on in the settings of the desktop.") },
         { Error::NoPermission, tr("Allow it in the settings of the system.") },
         { Error::NotResponding, tr("Restart the Bluetooth service, or the computer.") },

@@ -33,6 +33,7 @@ protected:
     void closeEvent(QCloseEvent *event) override;
 
 private:
+    void prepareForKeyboardAndReader();
     void connectActions();
     void connectCommand(QAction *action, bool isConnection,
                         const std::function<void(CorvelKX::Light *)> &act);
