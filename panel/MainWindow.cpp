@@ -45,7 +45,7 @@ MainWindow::MainWindow(const QString &plugin, QWidget *parent)
     updateScan();
 }
 
-// Qt keeps the buttons of a tool bar from the keyboard, and names no control that it adds by itself.
+// By default, Tab skips the buttons of a tool bar, and the controls that Qt adds have no names.
 void MainWindow::prepareForKeyboardAndReader()
 {
     const auto buttons = m_ui.toolBar->findChildren<QToolButton *>();
@@ -79,8 +79,7 @@ void MainWindow::connectActions()
     connectCommand(m_ui.forget, false, &Light::forget);
     connectCommand(m_ui.keep, true, [](Light *light) { light->setKeepConnected(true); });
     connectCommand(m_ui.unkeep, false, [](Light *light) { light->setKeepConnected(false); });
-    m_ui.forget->setShortcutContext(
-            Qt::WidgetShortcut); // elsewhere, the key deletes what is written
+    m_ui.forget->setShortcutContext(Qt::WidgetShortcut); // in a line edit, the key deletes text
     connect(m_ui.selectLights, &QAction::triggered, m_ui.lights, &LightsView::selectAll);
     connect(m_ui.exportLog, &QAction::triggered, m_ui.log, &LogView::exportLog);
     connect(m_ui.copyLog, &QAction::triggered, m_ui.log, &LogView::copy);
@@ -98,7 +97,7 @@ void MainWindow::connectActions()
     });
 }
 
-// What is done with the selected lights. An adapter that scans takes far longer to connect.
+// A command for all selected lights. Connecting stops the scan, which would slow it down.
 void MainWindow::connectCommand(QAction *action, bool isConnection,
                                 const std::function<void(Light *)> &act)
 {
@@ -130,7 +129,7 @@ void MainWindow::scan()
     m_host.startScan();
 }
 
-// Of the log, for who is there; else of the lights.
+// If the focus is in the log, its filter; otherwise that of the lights.
 void MainWindow::focusFilter()
 {
     const bool isInLog = m_ui.log->isAncestorOf(QApplication::focusWidget());
@@ -184,7 +183,7 @@ void MainWindow::updateProblem()
     m_ui.problem->setVisible(m_host.error() != Error::NoError);
 }
 
-// A line edit would take the key for going to its end.
+// A line edit would use Ctrl+E to move its cursor.
 bool MainWindow::eventFilter(QObject *watched, QEvent *event)
 {
     if (event->type() == QEvent::ShortcutOverride

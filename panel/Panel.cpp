@@ -49,7 +49,7 @@ void addOptions(QCommandLineParser &parser)
 
 int runPanel(int argc, char *argv[])
 {
-    // Before Qt takes its own options out.
+    // All words of the command line; QApplication removes the options of Qt.
     QStringList words;
     std::transform(argv + 1, argv + argc, std::back_inserter(words),
                    [](const char *word) { return QFile::decodeName(word); });
@@ -104,7 +104,7 @@ int runPanel(int argc, char *argv[])
         return complain(enterVirtualLights(lights, words), EXIT_FAILURE);
     if (interrupt.signalNumber())
         status = signalBase + interrupt.signalNumber();
-    // The plugin would wait for the Bluetooth service, for ten seconds and behind a closed window.
+    // The plugin would wait ten more seconds for the Bluetooth service.
     if (isStuck)
         std::_Exit(status);
     return status;
