@@ -126,8 +126,8 @@ QString Host::errorString() const
     case Error::NoError:
         return {};
     case Error::NoAdapter:
-        return tr("No Bluetooth adapter can be used: there is none, or the Bluetooth service does "
-                  "not run.");
+        return tr("No Bluetooth adapter can be used: there is none, the Bluetooth service does not "
+                  "run, or this program is not permitted to use it.");
     case Error::AdapterOff:
         return tr("The Bluetooth adapter is switched off.");
     case Error::NoPermission:

@@ -41,9 +41,9 @@ public:
     enum class Error {
         NoError,
         PluginError,   //!< the plugin cannot be loaded
-        NoAdapter,     //!< there is no adapter, or no Bluetooth service
+        NoAdapter,     //!< there is no adapter, no Bluetooth service or, on Linux, no permission
         AdapterOff,    //!< the adapter is switched off
-        NoPermission,  //!< the program may not use Bluetooth
+        NoPermission,  //!< the program may not use Bluetooth; on Linux, this is NoAdapter
         NotSupported,  //!< Qt Bluetooth cannot scan on this platform
         ScanFailed,    //!< the scan failed for another reason
         NotResponding, //!< the Bluetooth service does not answer

@@ -11,7 +11,7 @@ using Qt::StringLiterals::operator""_s;
 
 namespace {
 
-// With the seconds that it lasts at the most.
+// The state, with the seconds until its time limit.
 QString stateText(const Light &light)
 {
     const qint64 left = light.remainingTime();
@@ -21,7 +21,7 @@ QString stateText(const Light &light)
                                                      : light.stateString();
 }
 
-// In the order of the states, so that nobody needs colours.
+// One shape for each state, in the order of the enumeration, so that states do not need colours.
 QChar stateShape(const Light &light)
 {
     const bool isLost = light.state() == Light::State::Seen

@@ -7,8 +7,8 @@
 #include <array>
 
 /*!
-    The lights, with the messages of each one's last minute. It compares the lights' counts once a
-    second, so that a message costs nothing here; what time changes is updated then, too.
+    The lights, with the messages of the last minute of each. The model compares the counts of the
+    lights once a second, so a single message costs nothing. It then also updates remaining times.
 */
 class LightsModel : public CorvelKX::LightModel
 {

@@ -18,7 +18,8 @@ namespace {
 LogModel *debugLogReader = nullptr;
 QtMessageHandler previousHandler = nullptr;
 
-// Brings what the plugin writes on its thread to the window's, on which it is made; never deleted.
+// Passes the plugin's log to the thread of the window. Never deleted, since the plugin may log
+// until the process ends.
 QObject *relay()
 {
     static auto *object = new QObject;
@@ -76,7 +77,7 @@ void LogModel::append(Kind kind, const QString &address, const QString &text,
             { QDateTime::currentDateTime().toString(Qt::ISODateWithMs), address,
               QString::fromLatin1(QMetaEnum::fromType<Kind>().valueToKey(int(kind))).toLower(),
               QString::fromLatin1(data.toHex(' ')), shown });
-    if (m_waiting.size() / 2 >= limit) // not at each line, which would be slow
+    if (m_waiting.size() / 2 >= limit) // rarely, since removing rows is slow
         m_waiting.remove(0, limit);
     if (!m_timer.isActive())
         m_timer.start();
@@ -137,7 +138,7 @@ int LogModel::columnCount(const QModelIndex &parent) const
 QVariant LogModel::data(const QModelIndex &index, int role) const
 {
     const Row &row = m_rows.at(index.row());
-    if (role == FilterRole) // the address first; hex is found with and without spaces
+    if (role == FilterRole) // the address comes first; hex matches with and without spaces
         return row[Address] + u'\n' + row[Direction] + u'\n' + row[Hex] + u'\n'
                + QString(row[Hex]).remove(u' ') + u'\n' + row[Text];
     if (role == Qt::DisplayRole && index.column() == Time)

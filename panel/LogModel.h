@@ -20,7 +20,7 @@ class LogModel : public QAbstractTableModel
 
 public:
     enum Column { Time, Address, Direction, Hex, Text, ColumnCount };
-    enum Role { FilterRole = Qt::UserRole, ExportRole }; //!< the latter has the date of a time
+    enum Role { FilterRole = Qt::UserRole, ExportRole }; //!< ExportRole gives a time with its date
     enum class Kind { Command, Sent, Received, Signal, Error, Debug };
     Q_ENUM(Kind)
     static constexpr int limit = 10000;
@@ -29,12 +29,12 @@ public:
 
     void append(Kind kind, const QString &address, const QString &text,
                 const QByteArray &data = {});
-    /*! While paused, what happens is kept but not shown. */
+    /*! While paused, new rows are kept but not shown. */
     void setPaused(bool paused);
-    /*! Whether what the plugin writes to its debug log is shown; if not, it costs nothing. */
+    /*! Whether the debug log of the plugin is shown; while it is not, it costs nothing. */
     void setDebugLogShown(bool shown);
     void clear();
-    /*! How many rows wait for the end of the pause. */
+    /*! How many rows are kept back by the pause. */
     int waitingCount() const { return int(m_waiting.size()); }
 
     int rowCount(const QModelIndex &parent = {}) const override;

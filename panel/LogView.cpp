@@ -34,7 +34,7 @@ void LogView::setLog(LogModel *model)
     for (int column = 0; column < samples.size(); ++column)
         m_ui.table->setColumnWidth(column, fontMetrics().horizontalAdvance(samples.at(column))
                                                    + 2 * fontMetrics().averageCharWidth());
-    // Who looks at the end goes on looking at it; who looks at older lines is left there.
+    // Follow new lines only if the last line is visible; do not disturb who reads older ones.
     connect(&m_shown, &QAbstractItemModel::rowsAboutToBeInserted, this, [this] {
         const QScrollBar *bar = m_ui.table->verticalScrollBar();
         m_isAtEnd = bar->value() == bar->maximum();

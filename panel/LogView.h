@@ -6,7 +6,7 @@
 
 class LogModel;
 
-/*! The log, with what finds a line in it and what takes it elsewhere. setLog() comes first. */
+/*! The log with its filters, and commands to clear, copy and export it. Call setLog() first. */
 class LogView : public QWidget
 {
     Q_OBJECT
@@ -15,11 +15,11 @@ public:
     explicit LogView(QWidget *parent = nullptr);
 
     void setLog(LogModel *model);
-    /*! Offers the light \a address to be looked at alone. */
+    /*! Adds the light \a address to the lights by which the log can be filtered. */
     void addLight(const QString &address);
     /*! Copies the selected lines, or all that are shown, as text. */
     void copy() const;
-    /*! Asks for a file and writes what is shown to it, as CSV or as text. */
+    /*! Asks for a file name and writes the rows that are shown, as CSV or as text. */
     void exportLog();
     void showDebugLog() { m_ui.debug->setChecked(true); }
     QLineEdit *filter() { return m_ui.filter; }

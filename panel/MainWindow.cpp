@@ -2,6 +2,7 @@
 
 #include "VirtualLights.h"
 
+#include <QAbstractItemView>
 #include <QApplication>
 #include <QCloseEvent>
 #include <QMessageBox>
@@ -23,9 +24,7 @@ MainWindow::MainWindow(const QString &plugin, QWidget *parent)
     m_ui.lights->setLights(&m_model);
     m_ui.plot->setModel(&m_model);
     m_ui.log->setLog(&m_log);
-    const auto buttons = m_ui.toolBar->findChildren<QToolButton *>();
-    for (QToolButton *button : buttons)
-        button->setFocusPolicy(Qt::TabFocus);
+    prepareForKeyboardAndReader();
     qApp->installEventFilter(this);
     connectActions();
     connect(&m_model, &LightsModel::sampled, this, &MainWindow::updateScan);
@@ -46,6 +45,22 @@ MainWindow::MainWindow(const QString &plugin, QWidget *parent)
     updateScan();
 }
 
+// By default, Tab skips the buttons of a tool bar, and the controls that Qt adds have no names.
+void MainWindow::prepareForKeyboardAndReader()
+{
+    const auto buttons = m_ui.toolBar->findChildren<QToolButton *>();
+    for (QToolButton *button : buttons) {
+        button->setFocusPolicy(Qt::TabFocus);
+        if (button->text().isEmpty())
+            button->setAccessibleName(tr("More commands"));
+    }
+    for (QLineEdit *filter : { m_ui.filter, m_ui.log->filter() })
+        filter->findChild<QToolButton *>()->setAccessibleName(tr("Clear the filter"));
+    const auto boxes = findChildren<QComboBox *>();
+    for (QComboBox *box : boxes)
+        box->view()->setAccessibleName(box->accessibleName());
+}
+
 void MainWindow::connectActions()
 {
     const auto connectToDevice = [this](Light *light) {
@@ -64,8 +79,7 @@ void MainWindow::connectActions()
     connectCommand(m_ui.forget, false, &Light::forget);
     connectCommand(m_ui.keep, true, [](Light *light) { light->setKeepConnected(true); });
     connectCommand(m_ui.unkeep, false, [](Light *light) { light->setKeepConnected(false); });
-    m_ui.forget->setShortcutContext(
-            Qt::WidgetShortcut); // elsewhere, the key deletes what is written
+    m_ui.forget->setShortcutContext(Qt::WidgetShortcut); // in a line edit, the key deletes text
     connect(m_ui.selectLights, &QAction::triggered, m_ui.lights, &LightsView::selectAll);
     connect(m_ui.exportLog, &QAction::triggered, m_ui.log, &LogView::exportLog);
     connect(m_ui.copyLog, &QAction::triggered, m_ui.log, &LogView::copy);
@@ -83,7 +97,7 @@ void MainWindow::connectActions()
     });
 }
 
-// What is done with the selected lights. An adapter that scans takes far longer to connect.
+// A command for all selected lights. Connecting stops the scan, which would slow it down.
 void MainWindow::connectCommand(QAction *action, bool isConnection,
                                 const std::function<void(Light *)> &act)
 {
@@ -115,7 +129,7 @@ void MainWindow::scan()
     m_host.startScan();
 }
 
-// Of the log, for who is there; else of the lights.
+// If the focus is in the log, its filter; otherwise that of the lights.
 void MainWindow::focusFilter()
 {
     const bool isInLog = m_ui.log->isAncestorOf(QApplication::focusWidget());
@@ -156,7 +170,8 @@ void MainWindow::updateProblem()
 {
     using Error = Host::Error;
     const QHash<Error, QString> help {
-        { Error::NoAdapter, tr("Plug an adapter in, or start the Bluetooth service.") },
+        { Error::NoAdapter, tr("Plug an adapter in, start the Bluetooth service, or ask the "
+                               "administrator for the permission.") },
         { Error::AdapterOff, tr("Switch it on in the settings of the desktop.") },
         { Error::NoPermission, tr("Allow it in the settings of the system.") },
         { Error::NotResponding, tr("Restart the Bluetooth service, or the computer.") },
@@ -168,7 +183,7 @@ void MainWindow::updateProblem()
     m_ui.problem->setVisible(m_host.error() != Error::NoError);
 }
 
-// A line edit would take the key for going to its end.
+// A line edit would use Ctrl+E to move its cursor.
 bool MainWindow::eventFilter(QObject *watched, QEvent *event)
 {
     if (event->type() == QEvent::ShortcutOverride

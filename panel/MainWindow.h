@@ -8,8 +8,9 @@
 #include <functional>
 
 /*!
-    The window: a table of the lights with what can be done with them, what they are sent and send,
-    and what is wrong. Owns the Host. Closing it disconnects the lights first, within two seconds.
+    The main window: the table of the lights, the commands, the payload, the log, and a line that
+    tells what is wrong. Owns the Host. Closing it first disconnects the lights, for two seconds at
+    the most.
 */
 class MainWindow : public QMainWindow
 {
@@ -21,7 +22,7 @@ public:
 
     CorvelKX::Host *host() { return &m_host; }
     void showDebugLog() { m_ui.log->showDebugLog(); }
-    /*! Whether the user wants to go on among virtual lights, once this window has finished. */
+    /*! Whether the user asked for virtual lights, with which the program then restarts. */
     bool wantsVirtualLights() const { return m_wantsVirtualLights; }
 
 signals:
@@ -33,6 +34,7 @@ protected:
     void closeEvent(QCloseEvent *event) override;
 
 private:
+    void prepareForKeyboardAndReader();
     void connectActions();
     void connectCommand(QAction *action, bool isConnection,
                         const std::function<void(CorvelKX::Light *)> &act);

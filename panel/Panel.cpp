@@ -15,8 +15,10 @@
 #include <QTextStream>
 
 #include <algorithm>
+#include <cstdlib>
 #include <memory>
 
+using Error = CorvelKX::Host::Error;
 using Qt::StringLiterals::operator""_s;
 
 namespace {
@@ -47,7 +49,7 @@ void addOptions(QCommandLineParser &parser)
 
 int runPanel(int argc, char *argv[])
 {
-    // Before Qt takes its own options out.
+    // All words of the command line; QApplication removes the options of Qt.
     QStringList words;
     std::transform(argv + 1, argv + argc, std::back_inserter(words),
                    [](const char *word) { return QFile::decodeName(word); });
@@ -82,6 +84,7 @@ int runPanel(int argc, char *argv[])
     QGuiApplication::setWindowIcon(QIcon::fromTheme(u"org.example.CorvelKXPanel"_s));
     QGuiApplication::setQuitOnLastWindowClosed(false);
     bool goesVirtual = false;
+    bool isStuck = false;
     int status = EXIT_SUCCESS;
     Interrupt interrupt;
     {
@@ -93,10 +96,16 @@ int runPanel(int argc, char *argv[])
         window.show();
         status = QCoreApplication::exec();
         goesVirtual = window.wantsVirtualLights();
-        if (goesVirtual && window.host()->error() == CorvelKX::Host::Error::PluginError)
+        isStuck = status != EXIT_SUCCESS || window.host()->error() == Error::NotResponding;
+        if (goesVirtual && window.host()->error() == Error::PluginError)
             words += { u"--plugin"_s, QString() };
     }
     if (goesVirtual)
         return complain(enterVirtualLights(lights, words), EXIT_FAILURE);
-    return interrupt.signalNumber() ? signalBase + interrupt.signalNumber() : status;
+    if (interrupt.signalNumber())
+        status = signalBase + interrupt.signalNumber();
+    // The plugin would wait ten more seconds for the Bluetooth service.
+    if (isStuck)
+        std::_Exit(status);
+    return status;
 }

@@ -1,4 +1,4 @@
 #pragma once
 
-/*! The whole program, from its command line to its exit status. */
+/*! Runs the program: parses the command line, shows the window, returns the exit status. */
 int runPanel(int argc, char *argv[]);

@@ -12,6 +12,7 @@ PayloadEdit::PayloadEdit(QWidget *parent)
     : QLineEdit(parent),
       m_mark(addAction(style()->standardIcon(QStyle::SP_MessageBoxWarning), TrailingPosition))
 {
+    m_mark->setText(tr("Not a payload")); // for screen readers
     connect(this, &QLineEdit::textChanged, this, &PayloadEdit::check);
     check();
 }

@@ -3,8 +3,9 @@
 #include <QLineEdit>
 
 /*!
-    A line for a payload, in hexadecimal pairs or as text, as it is chosen and never guessed. What is
-    no payload is marked while it is typed. The arrow keys go through what was sent before.
+    A line edit for a payload, in hexadecimal pairs or as text. The user chooses which; it is never
+    guessed. A payload that is not valid is marked while it is typed. The arrow keys go through the
+    history.
 */
 class PayloadEdit : public QLineEdit
 {
@@ -14,14 +15,14 @@ public:
     explicit PayloadEdit(QWidget *parent = nullptr);
 
     void setMode(bool isText);
-    /*! The bytes; none where there is a problem(), which is a sentence. */
+    /*! The bytes; empty if there is a problem(), which is a sentence for people. */
     QByteArray payload() const;
     QString problem() const;
-    /*! What is typed, with its mode, as it is kept. */
+    /*! The text and its mode in one string, for the history and the settings. */
     QString entry() const { return (m_isText ? u't' : u'h') + text(); }
     void setEntry(const QString &entry);
 
-    /*! Puts what is typed at the end of the history. */
+    /*! Appends the entry to the history. */
     void remember();
     QStringList history() const { return m_history; }
     void setHistory(const QStringList &history);
@@ -40,5 +41,5 @@ private:
     QAction *m_mark;
     QStringList m_history; //!< the oldest entry comes first
     qsizetype m_position = 0;
-    QString m_draft; //!< what was typed before the history was entered
+    QString m_draft; //!< the entry that was being typed when the history was opened
 };

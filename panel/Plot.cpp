@@ -12,7 +12,7 @@ using Qt::StringLiterals::operator""_s;
 
 namespace {
 
-// Told apart by the line as well as by its colour.
+// The line style differs as well as the colour, for people who do not see the colours.
 QPen pen(bool isSent, const QPalette &palette)
 {
     const bool isDark = palette.color(QPalette::Base).lightness() < 128;
@@ -98,7 +98,7 @@ void Plot::paintEvent(QPaintEvent *)
     quint64 top = 2;
     for (const Messages &messages : minute)
         top = std::max({ top, messages.sent, messages.received });
-    top += top % 2; // so that half of it is a number, too
+    top += top % 2; // even, because half of it is a label, too
     const double line = fontMetrics().height();
     const double left = fontMetrics().horizontalAdvance(QString::number(top)) + 14;
     const QRectF area = QRectF(rect()).adjusted(left, 3 * line, -10, -line - 8);

@@ -11,11 +11,14 @@ namespace CorvelKX {
 class Light;
 }
 
-/*! Draws what \a value gives for each second as a line; \a top, or the most, is on top of it. */
+/*!
+    Draws \a value of each second as a line. The top of \a area stands for \a top, or for the
+    highest value if that is higher.
+*/
 void drawMinute(QPainter *painter, const QRectF &area, const LightsModel::Minute &minute,
                 quint64 top, const std::function<quint64(const LightsModel::Messages &)> &value);
 
-/*! What one light was sent, and sent, in each second of the last minute. */
+/*! Plots the messages to and from one light in each second of the last minute. */
 class Plot : public QWidget
 {
     Q_OBJECT

@@ -52,7 +52,7 @@ void SendBar::setLights(const QList<Light *> &lights)
     update();
 }
 
-// Says why nothing can be sent, or where it goes.
+// Shows why nothing can be sent, or to how many lights it would be sent.
 void SendBar::update()
 {
     const bool isSending = m_timer.isActive();
@@ -88,7 +88,7 @@ void SendBar::startOrStop()
     sendOnce();
 }
 
-// A light that is lost is left out until it is back.
+// Skips lights that are lost, until they are ready again.
 void SendBar::sendOnce()
 {
     bool isSent = false;

@@ -10,7 +10,7 @@ namespace CorvelKX {
 class Light;
 }
 
-/*! Sends a payload to those of the selected lights that are ready, once or again and again. */
+/*! Sends a payload to the selected lights that are ready, once or repeatedly. */
 class SendBar : public QWidget
 {
     Q_OBJECT
@@ -30,9 +30,9 @@ private:
 
     Ui::SendBar m_ui {};
     QMenu *m_menu;
-    QMap<QString, QVariant> m_saved; //!< entries by the names that they were saved under
+    QMap<QString, QVariant> m_saved; //!< entries by name
     QList<QPointer<CorvelKX::Light>> m_lights;
-    QList<QPointer<CorvelKX::Light>> m_targets; //!< of a repetition
+    QList<QPointer<CorvelKX::Light>> m_targets; //!< the lights that a repeated payload goes to
     QByteArray m_payload;
     QTimer m_timer;
     int m_sentCount = 0;

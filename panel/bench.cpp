@@ -1,4 +1,4 @@
-// The window of corvelkx-panel under load, and its picture.
+// Measures the window of corvelkx-panel under load, and draws its picture.
 
 #include "LogModel.h"
 #include "MainWindow.h"
@@ -27,10 +27,10 @@ namespace {
 
 constexpr int interval = 5;
 constexpr double longestStall = 50;
-// What the log holds in the end may be a little more than when it was just full.
+// The lines of the log differ in length, so the heap may grow a little after the log is full.
 constexpr double mostGrowth = 0.25;
 
-// For how long the system has let this thread wait for a processor, in milliseconds.
+// How long this thread was ready to run but had no processor, in milliseconds.
 double waitedForProcessor()
 {
     QFile file(u"/proc/thread-self/schedstat"_s);
@@ -45,8 +45,8 @@ double processorTime()
     return double(time.tv_sec) * 1e3 + double(time.tv_nsec) / 1e6;
 }
 
-// For how long the event loop did not come round: altogether, without what other programs took, and
-// what it worked meanwhile, which is the same on a machine that is busy.
+// The longest time between two rounds of the event loop: in total, without the time for which other
+// programs had the processor, and as CPU time, which does not depend on the load of the machine.
 class Heartbeat
 {
 public:
@@ -78,7 +78,7 @@ private:
     double m_worked = processorTime();
 };
 
-// Shows the virtual lights in the window, and connects so many of them.
+// Shows the window, scans, and connects the first count lights; all of them if that is 0.
 QList<Light *> connectLights(MainWindow *window, qsizetype count)
 {
     Host *host = window->host();
@@ -137,7 +137,7 @@ int measure(MainWindow *window, int seconds, int rate)
             heartbeat.longestOwn, heartbeat.longest, heartbeat.longestWork, batches / elapsed,
             static_cast<long long>(heapBefore / 1024), growth * 100);
     require(misplaced == 0, "Messages came in another order.");
-    // Not the stall, which is the machine's as well.
+    // CPU time: the stall also contains what other programs took.
     require(heartbeat.longestWork <= longestStall, "The event loop worked for too long.");
     require(batches / elapsed <= 20, "The log was updated too often.");
     require(growth <= mostGrowth, "The heap grew.");
@@ -183,7 +183,7 @@ int main(int argc, char *argv[])
         qputenv("QT_QPA_PLATFORM", "offscreen");
     useOneArena();
     const QApplication app(argc, argv);
-    QCoreApplication::setApplicationName(u"corvelkx-panelbench"_s); // with settings of its own
+    QCoreApplication::setApplicationName(u"corvelkx-panelbench"_s); // has its own settings
     QCommandLineParser parser;
     parser.addHelpOption();
     parser.addOptions({

@@ -5,12 +5,15 @@
 
 #include <QAccessible>
 #include <QApplication>
+#include <QMessageBox>
 #include <QProcess>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <csignal>
 #include <memory>
+#include <unistd.h>
 
 using Qt::StringLiterals::operator""_s;
 
@@ -41,6 +44,18 @@ void click(const QString &button)
     auto *found = find<QAbstractButton>(button);
     QVERIFY2(found->isEnabled() && found->isVisible(), qPrintable(button));
     QTest::mouseClick(found, Qt::LeftButton);
+}
+
+// How many controls a screen reader could not tell apart.
+int countNameless(const QAccessibleInterface *control)
+{
+    const QSet<int> roles { QAccessible::Button, QAccessible::ButtonMenu,   QAccessible::CheckBox,
+                            QAccessible::List,   QAccessible::EditableText, QAccessible::SpinBox,
+                            QAccessible::Table,  QAccessible::MenuItem,     QAccessible::ComboBox };
+    int count = int(roles.contains(control->role()) && control->text(QAccessible::Name).isEmpty());
+    for (int i = 0; i < control->childCount(); ++i)
+        count += countNameless(control->child(i));
+    return count;
 }
 
 void type(const QString &edit, const QString &text)
@@ -114,6 +129,7 @@ private slots:
         click(u"Stop"_s);
         QTest::keyClick(m_window.get(), Qt::Key_F5); // all are announced again, and are no others
         QVERIFY(waitFor([this] { return cell(first, LightsModel::SeenCount).data().toInt() > 1; }));
+        QCOMPARE(countNameless(QAccessible::queryAccessibleInterface(m_window.get())), 0);
         QTest::keyClick(m_window.get(), Qt::Key_F, Qt::ControlModifier);
         QTest::keyClicks(QApplication::focusWidget(), u"162"_s);
         QCOMPARE(m_table->model()->rowCount(), 1);
@@ -209,6 +225,25 @@ private slots:
         m_lights.order(u"drop"_s, { first });
         QVERIFY(shows(first, state, u"reconnecting"_s) && shows(first, state, u"ready"_s));
         QCOMPARE(m_lights.order(u"connected"_s), QStringList { first });
+    }
+
+    void lightThatStays()
+    {
+        connectLights({ first });
+        QSignalSpy finished(m_window.get(), &MainWindow::finished);
+        kill(getppid(), SIGSTOP); // the virtual lights
+        QTest::keyClick(m_window.get(), Qt::Key_Q, Qt::ControlModifier);
+        const auto text = [] {
+            const auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
+            return box ? box->text() : QString();
+        };
+        waitFor([=] { return !text().isEmpty(); });
+        kill(getppid(), SIGCONT);
+        QVERIFY2(text().startsWith(first), qPrintable(text()));
+        click(u"Close"_s);
+        QCOMPARE(finished.value(0).value(0).toInt(), EXIT_FAILURE);
+        m_window.reset();
+        init();
     }
 
     void useVirtualLights()
