@@ -1,6 +1,6 @@
 #pragma once
 
-#include "TestSupport.h"
+#include "Lights.h"
 
 #include <QStringList>
 #include <QVariantList>

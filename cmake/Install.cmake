@@ -1,5 +1,5 @@
-# What a host team gets, in three parts: the plugin, which an application needs to run; the programs;
-# and what hosts are built with, with a CMake package that finds all of it wherever it was put.
+# What a host team gets, in three components: the plugin, which an application needs to run; the
+# programs; and what hosts are built with. The CMake package finds all of it in any directory.
 include(CMakePackageConfigHelpers)
 
 set(package_dir lib/cmake/CorvelKXBle)
@@ -11,9 +11,17 @@ configure_package_config_file(cmake/CorvelKXBleConfig.cmake.in CorvelKXBleConfig
 write_basic_package_version_file(CorvelKXBleConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 
 install(TARGETS CorvelKXBleDLL EXPORT CorvelKXBleTargets
-    LIBRARY DESTINATION "${CORVELKX_PLUGIN_DIR}" COMPONENT plugin)
-install(TARGETS corvelkx-lights EXPORT CorvelKXBleTargets RUNTIME COMPONENT tools)
-install(TARGETS corvelkx-host corvelkx-single RUNTIME COMPONENT tools)
+    LIBRARY DESTINATION "${CORVELKX_PLUGIN_DIR}" COMPONENT plugin
+    RUNTIME DESTINATION "${CORVELKX_PLUGIN_DIR}" COMPONENT plugin
+    ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development)
+if(TARGET corvelkx-host)
+    install(TARGETS corvelkx-host corvelkx-single RUNTIME COMPONENT tools)
+endif()
+if(TARGET corvelkx-lights)
+    install(TARGETS corvelkx-lights EXPORT CorvelKXBleTargets RUNTIME COMPONENT tools)
+    install(FILES "${PROJECT_BINARY_DIR}/simulator/org.example.CorvelKXLights1.xml"
+        DESTINATION "${interface_dir}" COMPONENT development)
+endif()
 
 set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME development)
 install(TARGETS corvelkx_interface corvelkx_hostkit corvelkx_singleclient
@@ -31,8 +39,6 @@ install(FILES
     "${PROJECT_BINARY_DIR}/CorvelKXBleConfig.cmake"
     "${PROJECT_BINARY_DIR}/CorvelKXBleConfigVersion.cmake"
     DESTINATION "${package_dir}")
-install(FILES "${PROJECT_BINARY_DIR}/simulator/org.example.CorvelKXLights1.xml"
-    DESTINATION "${interface_dir}")
 set(documents "${CMAKE_INSTALL_DATADIR}/doc/corvelkx-ble-dev")
 install(FILES README.md CHANGELOG.md CONTRIBUTING.md DESTINATION "${documents}")
 install(DIRECTORY docs/ DESTINATION "${documents}/docs"

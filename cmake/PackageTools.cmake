@@ -1,4 +1,4 @@
-# Without these, CPack makes a package that lacks its dependencies, or none without a reason.
+# Without these programs, CPack makes packages without dependencies, or fails and does not say why.
 if(CPACK_GENERATOR STREQUAL "DEB")
     foreach(tool file dpkg-shlibdeps)
         find_program(found_${tool} ${tool})

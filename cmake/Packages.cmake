@@ -1,11 +1,20 @@
-# The packages. scripts/package installs what making them takes.
-set(CPACK_GENERATOR TGZ DEB)
+# The packages: .tar.gz and .deb on Linux, one archive elsewhere. scripts/package installs what making
+# them takes on a Debian.
 set(CPACK_PACKAGE_NAME corvelkx-ble)
 set(CPACK_PACKAGE_CONTACT "The CorvelKX team <corvelkx@example.org>")
 set(CPACK_PACKAGE_DIRECTORY "${PROJECT_BINARY_DIR}/packages")
 set(CPACK_STRIP_FILES ON)
-set(CPACK_PROJECT_CONFIG_FILE "${PROJECT_SOURCE_DIR}/cmake/PackageTools.cmake")
+if(NOT TARGET corvelkx-lights)
+    set(CPACK_GENERATOR TGZ)
+    if(WIN32)
+        set(CPACK_GENERATOR ZIP)
+    endif()
+    include(CPack)
+    return()
+endif()
 
+set(CPACK_GENERATOR TGZ DEB)
+set(CPACK_PROJECT_CONFIG_FILE "${PROJECT_SOURCE_DIR}/cmake/PackageTools.cmake")
 set(CPACK_COMPONENTS_ALL plugin tools development)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -33,7 +42,7 @@ qt6-base-dev (>= 6.4), qt6-connectivity-dev (>= 6.4)")
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
     "headers and libraries for hosts of CorvelKX Bluetooth lights\n${common}")
 
-# What Debian wants of each package.
+# Debian requires a changelog and a copyright file in each package.
 string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)
 find_program(GZIP_PROGRAM gzip)
 foreach(component IN LISTS CPACK_COMPONENTS_ALL)

@@ -29,7 +29,7 @@ bool isUnderWay(const Light *light)
 
 QString failureOf(const Host &host)
 {
-    return areVirtualLightsHere()
+    return !hasVirtualLights || areVirtualLightsHere()
                    ? host.errorString()
                    : host.errorString() + QLatin1String(" Try --simulate for virtual lights.");
 }

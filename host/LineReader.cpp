@@ -1,35 +1,26 @@
 #include "LineReader.h"
 
+#include "LineEditor.h"
 #include "Output.h"
+#include "Platform.h"
 
-#include <QSocketNotifier>
-
-#include <unistd.h>
-
-#ifdef HAVE_LIBEDIT
-#    include <editline/readline.h>
-#endif
+#include <cstdio>
+#include <utility>
 
 namespace {
 
 constexpr char prompt[] = "lights> ";
 
-#ifdef HAVE_LIBEDIT
 // The editing library's callback knows no object.
 LineReader *activeReader = nullptr;
-
-void takeEditedLine(char *text)
-{
-    activeReader->take(text);
-    free(text);
-}
-#endif
 
 } // namespace
 
 LineReader::LineReader(Waiter *waiter, Output *output, QObject *parent)
     : QObject(parent), m_waiter(waiter),
-      m_isInteractive(output->isTerminal() && isatty(STDIN_FILENO) && !output->isJson())
+      m_isInteractive(output->isTerminal() && Platform::isTerminal(Platform::Stream::Input)
+                      && !output->isJson()),
+      m_isEdited(m_isInteractive && LineEditor::isAvailable())
 {
     connect(output, &Output::aboutToPrint, this, &LineReader::hidePrompt);
     connect(output, &Output::printed, this, &LineReader::showPrompt);
@@ -39,72 +30,50 @@ LineReader::~LineReader() = default;
 
 void LineReader::hidePrompt() const
 {
-    if (m_isInteractive && m_isReading) [[maybe_unused]]
-        const auto written = write(STDOUT_FILENO, "\r\033[K", 4);
+    if (!m_isInteractive || !m_isReading)
+        return;
+    std::fputs("\r\033[K", stdout);
+    std::fflush(stdout);
 }
 
 void LineReader::showPrompt() const
 {
-    if (!m_isInteractive || !m_isReading)
-        return;
-#ifdef HAVE_LIBEDIT
-    rl_forced_update_display();
-#else
-    [[maybe_unused]] const auto written = write(STDOUT_FILENO, prompt, sizeof(prompt) - 1);
-#endif
+    if (m_isInteractive && m_isReading)
+        LineEditor::showAgain();
 }
 
-void LineReader::take(const char *editedLine)
+void LineReader::takeEdited(const char *line)
 {
-    if (!editedLine) {
-        m_hasEnded = true;
-        return;
-    }
-    m_buffer += editedLine;
-    m_buffer += '\n';
-#ifdef HAVE_LIBEDIT
-    if (*editedLine)
-        add_history(editedLine);
-#endif
-}
-
-void LineReader::readAvailable()
-{
-#ifdef HAVE_LIBEDIT
-    if (m_isInteractive) {
-        rl_callback_read_char();
-        m_waiter->check();
-        return;
-    }
-#endif
-    char bytes[4096];
-    const auto count = ::read(STDIN_FILENO, bytes, sizeof(bytes));
-    if (count > 0)
-        m_buffer.append(bytes, count);
+    if (line)
+        m_buffer.append(line).append('\n');
     else
         m_hasEnded = true;
+}
+
+void LineReader::readAvailable(StandardInput *input)
+{
+    if (m_isEdited) {
+        LineEditor::readAvailable();
+    } else {
+        const QByteArray bytes = input->read();
+        m_buffer += bytes;
+        m_hasEnded = bytes.isEmpty();
+    }
     m_waiter->check();
 }
 
 std::optional<QString> LineReader::read()
 {
     m_isReading = true;
-#ifdef HAVE_LIBEDIT
     if (m_isInteractive) {
         activeReader = this;
-        rl_catch_signals = 0; // they are the program's
-        rl_callback_handler_install(prompt, takeEditedLine);
+        LineEditor::begin(prompt, [](const char *line) { activeReader->takeEdited(line); });
     }
-#else
-    showPrompt();
-#endif
-    QSocketNotifier notifier(STDIN_FILENO, QSocketNotifier::Read);
-    connect(&notifier, &QSocketNotifier::activated, this, &LineReader::readAvailable);
+    StandardInput input;
+    connect(&input, &StandardInput::readyRead, this, [this, &input] { readAvailable(&input); });
     m_waiter->waitUntil([this] { return m_buffer.contains('\n') || m_hasEnded; }, unlimited);
-#ifdef HAVE_LIBEDIT
     if (m_isInteractive)
-        rl_callback_handler_remove();
-#endif
+        LineEditor::end();
     hidePrompt();
     m_isReading = false;
 

@@ -8,11 +8,9 @@
 #include <optional>
 
 class Output;
+class StandardInput;
 
-/*!
-    Reads lines from the standard input while the event loop runs; with editing and history on a
-    terminal where the library for it was there at build time.
-*/
+/*! Reads lines from the standard input while the event loop runs; on a terminal with a prompt. */
 class LineReader : public QObject
 {
     Q_OBJECT
@@ -24,17 +22,16 @@ public:
     /*! The next line, or nothing at the end of the input and on an interruption. */
     std::optional<QString> read();
 
-    /*! Takes a line from the editing library; null is the end of the input. */
-    void take(const char *editedLine);
-
 private:
-    void readAvailable();
+    void takeEdited(const char *line);
+    void readAvailable(StandardInput *input);
     void hidePrompt() const;
     void showPrompt() const;
 
     Waiter *m_waiter;
     QByteArray m_buffer;
     bool m_isInteractive;
+    bool m_isEdited;
     bool m_isReading = false;
     bool m_hasEnded = false;
 };

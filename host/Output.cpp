@@ -1,15 +1,19 @@
 #include "Output.h"
 
+#include "Platform.h"
+
 #include <QCoreApplication>
 #include <QJsonDocument>
 #include <QTextStream>
 
 #include <cstdio>
-#include <unistd.h>
+
+using Platform::Stream;
 
 Output::Output(QObject *parent)
-    : QObject(parent), m_isTerminal(isatty(STDOUT_FILENO) && isatty(STDERR_FILENO)),
-      m_hasColour(isatty(STDOUT_FILENO) && !qEnvironmentVariableIsSet("NO_COLOR"))
+    : QObject(parent),
+      m_isTerminal(Platform::isTerminal(Stream::Output) && Platform::isTerminal(Stream::Error)),
+      m_hasColour(Platform::isTerminal(Stream::Output) && !qEnvironmentVariableIsSet("NO_COLOR"))
 {
     m_out.open(stdout, QIODevice::WriteOnly);
 }

@@ -1,7 +1,7 @@
 #include "Shell.h"
 
-#include "Interrupt.h"
 #include "LineReader.h"
+#include "Platform.h"
 
 #include <QRegularExpression>
 

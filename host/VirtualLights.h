@@ -2,17 +2,20 @@
 
 #include <QStringList>
 
+/*! Whether there are virtual lights on this system at all. */
+inline constexpr bool hasVirtualLights = CORVELKX_HAS_LIGHTS;
+
 /*! Whether this program runs among virtual lights. */
 bool areVirtualLightsHere();
 
 /*!
-    Becomes the program \a name beside this one, with \a arguments; returns only to tell, in a
-    sentence, why that failed.
+    Runs the program \a name beside this one, with \a arguments, in place of this one. Returns only if
+    it cannot be started, with a sentence that tells why.
 */
-QString execProgram(const QString &name, const QStringList &arguments);
+QString replaceByNeighbour(const QString &name, const QStringList &arguments);
 
 /*!
-    Becomes this program with \a arguments among virtual lights: those of the file \a lights, or the
-    usual ones without a file. Returns as execProgram() does.
+    Runs this program with \a arguments among virtual lights: those of the file \a lights, or the
+    usual ones without a file. Returns as replaceByNeighbour() does.
 */
 QString enterVirtualLights(const QString &lights, const QStringList &arguments);

@@ -1,7 +1,7 @@
 #include "Commands.h"
 #include "Demo.h"
-#include "Interrupt.h"
 #include "Output.h"
+#include "Platform.h"
 #include "Shell.h"
 #include "VirtualLights.h"
 
@@ -128,7 +128,7 @@ CommandLine parse()
 }
 
 // The single-device client lives in a program of its own, for this one links nothing of ours.
-QString execSingle(const CommandLine &line)
+QString runSingle(const CommandLine &line)
 {
     QStringList arguments;
     if (line.log)
@@ -143,7 +143,7 @@ QString execSingle(const CommandLine &line)
     }
     if (line.order)
         arguments += QStringLiteral("--order");
-    return execProgram(QStringLiteral("corvelkx-single"), arguments + line.words.mid(1));
+    return replaceByNeighbour(QStringLiteral("corvelkx-single"), arguments + line.words.mid(1));
 }
 
 int carryOut(const CommandLine &line, CorvelKX::Host *host, Waiter *waiter, Output *output,
@@ -211,7 +211,7 @@ int main(int argc, char *argv[])
     }
 
     if (line.words.first() == QLatin1String("single")) {
-        output.complain(execSingle(line));
+        output.complain(runSingle(line));
         return EXIT_FAILURE;
     }
     showLog(line.log);

@@ -1,22 +1,21 @@
-// The single-device client at work. A program apart from the console host, because it links the
-// client, while the host shows that a host needs nothing of ours but the interface header.
+// Runs the single-device client. It is a separate program because it links the client, and the console
+// host shows that a host needs nothing of ours but the library for hosts.
 
 #include "ExitStatus.h"
-#include "Interrupt.h"
 #include "MYBLE.h"
 #include "Output.h"
+#include "Platform.h"
 #include "Text.h"
 
+#include <QBluetoothDeviceDiscoveryAgent>
 #include <QChildEvent>
 #include <QCommandLineParser>
 #include <QCoreApplication>
-#include <QSocketNotifier>
 #include <QTimer>
 
 #include <algorithm>
 #include <chrono>
 #include <memory>
-#include <unistd.h>
 #include <utility>
 
 using std::chrono::milliseconds;
@@ -31,9 +30,28 @@ struct Options
     bool order = false;
 };
 
+QString sentenceFor(const QBluetoothDeviceDiscoveryAgent &scan)
+{
+    switch (scan.error()) {
+    case QBluetoothDeviceDiscoveryAgent::InputOutputError:
+    case QBluetoothDeviceDiscoveryAgent::InvalidBluetoothAdapterError:
+        return QStringLiteral("No Bluetooth adapter can be used: there is none, the Bluetooth service "
+                              "does not run, or this program is not permitted to use it.");
+    case QBluetoothDeviceDiscoveryAgent::PoweredOffError:
+        return QStringLiteral("The Bluetooth adapter is switched off.");
+    case QBluetoothDeviceDiscoveryAgent::UnsupportedPlatformError:
+    case QBluetoothDeviceDiscoveryAgent::UnsupportedDiscoveryMethod:
+        return QStringLiteral("Qt Bluetooth cannot scan for lights on this system.");
+    case QBluetoothDeviceDiscoveryAgent::MissingPermissionsError:
+        return QStringLiteral("This program is not permitted to use Bluetooth.");
+    default:
+        return QStringLiteral("The scan failed: %1.").arg(scan.errorString());
+    }
+}
+
 /*!
-    Waits until the light can be written, writes the given payloads or those that are typed, and
-    prints what it notifies.
+    Waits until payloads can be written to the light, writes those that are given or typed, and prints
+    what the light notifies.
 */
 class Single : public QObject
 {
@@ -43,7 +61,7 @@ public:
     Single(Options options, Output *output)
         : m_options(std::move(options)), m_output(output), m_client(std::make_unique<MYBLE>())
     {
-        // The client tells nobody when it is ready, but its service objects are its children.
+        // The client does not tell when it is ready, but its service objects are its children.
         m_client->installEventFilter(this);
         connect(m_client.get(), &MYBLE::dataReceived, this, [this](const QByteArray &data) {
             m_output->report(QStringLiteral("received"),
@@ -59,12 +77,13 @@ public:
         });
         m_limit.setSingleShot(true);
         m_limit.start(m_options.timeout);
+        watchScan();
         watchServices();
     }
 
     ~Single() override
     {
-        // That the services go with the client is no news.
+        // The client deletes its services; that must not be reported as a light that is gone.
         const auto services = m_client->findChildren<QLowEnergyService *>();
         for (QLowEnergyService *service : services)
             service->disconnect(this);
@@ -78,6 +97,19 @@ public:
     }
 
 private:
+    void watchScan()
+    {
+        auto *scan = m_client->findChild<QBluetoothDeviceDiscoveryAgent *>();
+        const auto tellFailure = [this, scan] {
+            m_output->complain(sentenceFor(*scan));
+            QCoreApplication::exit(EXIT_FAILURE);
+        };
+        if (scan->error() == QBluetoothDeviceDiscoveryAgent::NoError)
+            connect(scan, &QBluetoothDeviceDiscoveryAgent::errorOccurred, this, tellFailure);
+        else // it failed when the client was made, before the event loop
+            QMetaObject::invokeMethod(this, tellFailure, Qt::QueuedConnection);
+    }
+
     void watchServices()
     {
         const auto services = m_client->findChildren<QLowEnergyService *>();
@@ -109,7 +141,7 @@ private:
         } else if (isReady && m_limit.isActive()) {
             m_limit.stop();
             m_output->report(QStringLiteral("ready"), {}, QStringLiteral("the light is ready"));
-            // The client's own slot comes first: it may still have to bind.
+            // Queued, because the client's own slot may still have to bind the characteristics.
             QMetaObject::invokeMethod(this, &Single::begin, Qt::QueuedConnection);
         }
     }
@@ -122,18 +154,17 @@ private:
             finishLater();
             return;
         }
-        auto *notifier = new QSocketNotifier(STDIN_FILENO, QSocketNotifier::Read, this);
-        connect(notifier, &QSocketNotifier::activated, this, [this, notifier] {
-            char bytes[4096];
-            const auto count = read(STDIN_FILENO, bytes, sizeof(bytes));
-            m_typed.append(bytes, qMax<qsizetype>(count, 0));
-            if (count <= 0) {
-                notifier->setEnabled(false);
-                m_typed += '\n';
-            }
+        auto *input = new StandardInput(this);
+        connect(input, &StandardInput::readyRead, this, [this, input] {
+            const QByteArray bytes = input->read();
+            const bool hasEnded = bytes.isEmpty();
+            m_typed += hasEnded ? QByteArray("\n") : bytes;
             sendTyped();
-            if (count <= 0)
+            if (hasEnded) {
+                input->disconnect(this);
+                input->deleteLater();
                 finishLater();
+            }
         });
     }
 

@@ -179,7 +179,7 @@ void MainWindow::updateProblem()
     };
     m_ui.problemText->setText(u"⚠  "_s + m_host.errorString() + u' ' + help.value(m_host.error()));
     m_ui.scanAgain->setVisible(m_host.isLoaded());
-    m_ui.useVirtualLights->setVisible(!areVirtualLightsHere());
+    m_ui.useVirtualLights->setVisible(hasVirtualLights && !areVirtualLightsHere());
     m_ui.problem->setVisible(m_host.error() != Error::NoError);
 }
 

@@ -1,8 +1,8 @@
 #include "Panel.h"
 
 #include "ExitStatus.h"
-#include "Interrupt.h"
 #include "MainWindow.h"
+#include "Platform.h"
 #include "Text.h"
 #include "VirtualLights.h"
 

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "BLEManager.h"
-#include "TestSupport.h"
+#include "Lights.h"
 
 #include <QSignalSpy>
 #include <QTest>

@@ -2,7 +2,7 @@
 // scripts/ends. And plugin objects that end while lights talk: for ThreadSanitizer.
 #include "CorvelKXBleInterface.h"
 #include "CorvelKXHost.h"
-#include "TestSupport.h"
+#include "Lights.h"
 
 #include <QCoreApplication>
 #include <QLoggingCategory>

@@ -8,10 +8,10 @@
 #include <QLibrary>
 #include <QMetaMethod>
 #include <QPluginLoader>
+#include <QPointer>
 #include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTest>
-#include <QThread>
 
 #include <array>
 #include <memory>
@@ -63,12 +63,11 @@ class TestContract : public QObject
     Q_OBJECT
 
 private slots:
+    void loadedAgain(); // first, because the others leave the library loaded
     void metadata();
     void declarations();
     void oneInstance();
     void relay();
-    void commandsKeepTheirOrder();
-    void signalsOnTheHostsThread();
 
 private:
     std::unique_ptr<CorvelKXBleInterface> create()
@@ -79,6 +78,24 @@ private:
 
     QPluginLoader m_loader { QStringLiteral(PLUGIN_FILE) };
 };
+
+void TestContract::loadedAgain()
+{
+    QPluginLoader first(QStringLiteral(PLUGIN_FILE));
+    QPointer<QObject> object = first.instance();
+    QVERIFY2(object, qPrintable(first.errorString()));
+    {
+        QPluginLoader second(QStringLiteral(PLUGIN_FILE));
+        QCOMPARE(second.instance(), object.data());
+        QVERIFY(!second.unload()); // the first one still uses it
+        QVERIFY(object);
+    }
+    QVERIFY(first.unload());
+    QVERIFY(!object);
+    QVERIFY2(qobject_cast<CorvelKXBleInterface *>(first.instance()),
+             qPrintable(first.errorString()));
+    QVERIFY(first.unload());
+}
 
 void TestContract::metadata()
 {
@@ -172,70 +189,6 @@ void TestContract::relay()
                      i == number ? QList<QVariantList> { given } : QList<QVariantList>());
     }
     compareTrace(log.take(), u"relay.trace"_s);
-}
-
-void TestContract::commandsKeepTheirOrder()
-{
-    LogRecorder log;
-    const auto plugin = create();
-    QVERIFY(log.lines().value(0).startsWith(
-            u"CorvelKXBleDLL::CorvelKXBleDLL(), Plugin thread ID: "_s));
-    const QString unknown = u"00:11:22:33:44:55"_s;
-    plugin->start();
-    plugin->sendMessage(unknown, "x");
-    plugin->connectToDevice(unknown);
-    plugin->removeDevice(unknown);
-    QCOMPARE(plugin->reconnectDevice(unknown), true);
-    plugin->stop();
-    plugin->bleInit();
-    plugin->stop(); // the second scanner, which is idle
-    QVERIFY(waitFor([&] { return log.linesWith(u"::stop] enter"_s).size() == 2; }));
-    const QStringList lines = log.take();
-    // Two threads write them, each in its own order.
-    compareTrace(lines.filter(QRegularExpression(u"^\\[BLEManager::st|unsupported"_s))
-                         + lines.filter(QRegularExpression(u"^\\[CorvelKXBleDLL::\\w+Device\\]"_s)),
-                 u"commands.trace"_s);
-}
-
-void TestContract::signalsOnTheHostsThread()
-{
-    const auto plugin = create();
-    const QString light = u"C0:FF:EE:00:00:03"_s;
-    QStringList told;
-    const auto tell = [&](const QString &what) {
-        QCOMPARE(QThread::currentThread(), thread());
-        told.append(what);
-    };
-    connect(
-            plugin.get(), &CorvelKXBleInterface::sigDeviceDiscovered, this,
-            [&](int, const QString &address, const QString &) {
-                if (address != light)
-                    return;
-                tell(u"found"_s);
-                plugin->stop();
-                plugin->connectToDevice(light);
-            },
-            Qt::DirectConnection);
-    connect(
-            plugin.get(), &CorvelKXBleInterface::sigDeviceConnected, this,
-            [&] {
-                tell(u"ready"_s);
-                plugin->sendMessage(light, "hello");
-            },
-            Qt::DirectConnection);
-    connect(
-            plugin.get(), &CorvelKXBleInterface::sigMessageReceived, this,
-            [&](const QString &, const QByteArray &data) {
-                tell(QString::fromLatin1(data));
-                plugin->removeDevice(light);
-            },
-            Qt::DirectConnection);
-    connect(
-            plugin.get(), &CorvelKXBleInterface::sigDeviceDisconnected, this,
-            [&] { tell(u"gone"_s); }, Qt::DirectConnection);
-    plugin->start();
-    QVERIFY(waitFor([&] { return told.contains(u"gone"_s); }));
-    QCOMPARE(told, QStringList({ u"found"_s, u"ready"_s, u"hello"_s, u"gone"_s }));
 }
 
 QTEST_GUILESS_MAIN(TestContract)

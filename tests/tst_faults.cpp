@@ -1,6 +1,6 @@
 #include "CorvelKXBleInterface.h"
 #include "CorvelKXHost.h"
-#include "TestSupport.h"
+#include "Lights.h"
 
 #include <QAbstractEventDispatcher>
 #include <QDeadlineTimer>

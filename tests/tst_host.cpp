@@ -1,6 +1,6 @@
 #include "CorvelKXHost.h"
 #include "CorvelKXLightModel.h"
-#include "TestSupport.h"
+#include "Lights.h"
 
 #include <QElapsedTimer>
 #include <QJsonDocument>

@@ -1,6 +1,6 @@
+#include "Lights.h"
 #include "MainWindow.h"
 #include "Panel.h"
-#include "TestSupport.h"
 #include "VirtualLights.h"
 
 #include <QAccessible>

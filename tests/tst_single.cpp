@@ -1,5 +1,5 @@
+#include "Lights.h"
 #include "MYBLE.h"
-#include "TestSupport.h"
 
 #include <QSignalSpy>
 #include <QTest>
