@@ -58,7 +58,7 @@ void MainWindow::prepareForKeyboardAndReader()
         filter->findChild<QToolButton *>()->setAccessibleName(tr("Clear the filter"));
     const auto boxes = findChildren<QComboBox *>();
     for (QComboBox *box : boxes)
-        box->view()->setAccessibleName(box->accessibleName());
+        box->view()->setAccessibleName(tr("%1: list").arg(box->accessibleName()));
 }
 
 void MainWindow::connectActions()
