@@ -84,7 +84,8 @@ bool Host::load(const QString &fileName)
                          .arg(QStringLiteral(CORVELKX_PLUGIN_NAME)));
         return false;
     }
-    m_loader.setFileName(file);
+    // Qt would look for a relative path in the library paths only.
+    m_loader.setFileName(QFileInfo(file).absoluteFilePath());
     const QString iid = m_loader.metaData().value(QLatin1String("IID")).toString();
     // The loader's own reason is the better one where it could not even read the file.
     if (!iid.isEmpty() && iid != QLatin1String(CORVELKX_BLE_INTERFACE_IID)) {
