@@ -31,7 +31,7 @@ public:
     void stopScan() override { m_agent.stop(); }
     void connectTo(const QString &address) override;
     void send(const QString &address, const QByteArray &data) override;
-    void letGo(const QString &address) override;
+    void disconnectFrom(const QString &address) override;
 
 private:
     void onServiceDiscovered(const QString &address, const QBluetoothUuid &uuid);
@@ -115,7 +115,7 @@ void BareCentral::send(const QString &address, const QByteArray &data)
     link.service->writeCharacteristic(link.writable, data, link.mode);
 }
 
-void BareCentral::letGo(const QString &address)
+void BareCentral::disconnectFrom(const QString &address)
 {
     m_links.value(address).controller->disconnectFromDevice();
 }

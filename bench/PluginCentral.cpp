@@ -20,7 +20,7 @@ public:
     {
         m_plugin->sendMessage(address, data);
     }
-    void letGo(const QString &address) override { m_plugin->removeDevice(address); }
+    void disconnectFrom(const QString &address) override { m_plugin->removeDevice(address); }
 
 private:
     QPluginLoader m_loader;

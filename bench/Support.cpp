@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <malloc.h>
 
-QStringList order(const char *name, const QVariantList &arguments)
+QStringList command(const char *name, const QVariantList &arguments)
 {
     return Lights::ask(QLatin1String(name), arguments).arguments().value(0).toStringList();
 }
@@ -17,13 +17,13 @@ void require(bool isDone, const char *sentence)
         return;
     std::fflush(stdout);
     std::fprintf(stderr, "%s: %s\n", qPrintable(QCoreApplication::applicationName()), sentence);
-    // The plugin may be stuck, and would not be let go.
+    // Not exit(): destroying the plugin may block while its thread hangs.
     std::_Exit(EXIT_FAILURE);
 }
 
 QStringList lightsHere()
 {
-    QStringList addresses = order("lights");
+    QStringList addresses = command("lights");
     require(!addresses.isEmpty(),
             "There are no virtual lights here; run it by corvelkx-lights -- COMMAND.");
     return addresses;

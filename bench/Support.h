@@ -5,18 +5,16 @@
 #include <QStringList>
 #include <QVariantList>
 
-/*! Gives the virtual lights an order and returns the lines of their answer. */
-QStringList order(const char *name, const QVariantList &arguments = {});
+/*! Sends the virtual lights a command and returns the lines of the answer. */
+QStringList command(const char *name, const QVariantList &arguments = {});
 
-/*! Ends the program with a sentence unless \a isDone, for nothing that comes after would be right.
- */
-void require(bool isDone, const char *sentence = "Nothing moves any more.");
+/*! Ends the program with \a sentence unless \a isDone. */
+void require(bool isDone, const char *sentence = "An expected event did not happen in time.");
 
-/*! The addresses of the lights among which the program runs; ends it where there are none. */
+/*! The addresses of the virtual lights; ends the program if there are none. */
 QStringList lightsHere();
 
-/*! Has one arena serve all threads, so that heapSize() counts them all. Comes before any of them.
- */
+/*! Lets all threads share one malloc arena, so that heapSize() counts them all. Call it first. */
 void useOneArena();
-/*! What is allocated, in bytes. */
+/*! Allocated heap memory in bytes. */
 qint64 heapSize();

@@ -1,5 +1,5 @@
-"""What the plugin costs: runs each workload with Qt Bluetooth alone and through the plugin, in turn, among the
-same virtual lights, and prints a table. Run it by scripts/bench."""
+"""Measures what the plugin costs: runs each workload alternately with Qt Bluetooth alone and with the plugin, among
+the same virtual lights, and prints a table. Run it by scripts/bench."""
 
 import argparse
 import datetime
@@ -22,14 +22,14 @@ COLUMNS = "what | Qt Bluetooth alone | plugin, log off | plugin, log on | plugin
 
 
 class Row(NamedTuple):
-    """One row of the table: a value out of what a workload printed."""
+    """One row of the table: one value of a workload's output."""
 
     what: str
     key: str
     unit: str = ""
     goal: str = "stated"
     compare: str = "ratio"  # or "difference", or ""
-    exact: bool = False  # the plugin's values have to be those of Qt Bluetooth alone
+    exact: bool = False  # the plugin's values must equal those of Qt Bluetooth alone
 
 
 class Workload(NamedTuple):
@@ -89,7 +89,7 @@ def output_of(*words):
 
 
 def run(way, name, lights, count, prefix=()):
-    """Runs the workload among so many lights; prefix is a program that runs it."""
+    """Runs the workload among that many lights; prefix is a program to run it under, such as valgrind."""
     words = [*prefix, WORKLOAD, way, name, count]
     return json.loads(output_of(*([LIGHTS, "--crowd", lights, "--"] if lights else []), *words))
 
@@ -136,7 +136,7 @@ class Bench:
     def measure(self, workload):
         results = {row.key: {way: [] for way in WAYS} for row in workload.rows}
         for turn in range(self.rounds if workload.repeated else 1):
-            # Another way begins each round, for the first one may find the machine at rest.
+            # Each round begins with another way, because the first run may find an idle CPU.
             first = turn % len(workload.ways)
             for way in workload.ways[first:] + workload.ways[:first]:
                 self.progress(f"{workload.name}, {workload.lights} lights, {way}, round {turn + 1} of {self.rounds}")
@@ -147,7 +147,7 @@ class Bench:
             self.print(row, results[row.key])
 
     def instructions(self):
-        """Counted, not timed: what two runs differ by, for what they differ in."""
+        """Counts instructions of one notification: the difference of two runs, over the difference of their lengths."""
         few, many = 2000, 10000
         values = {}
         with tempfile.NamedTemporaryFile() as profile:
@@ -180,16 +180,16 @@ class Bench:
         print("|", " | ".join([row.what, *(cell(values[way], row.unit) for way in WAYS),
                                *(compared(values["bare"], values[way], row) for way in WAYS[1:]), row.goal]), "|", flush=True)
         self.measures.append({"what": row.what, "unit": row.unit, **values})
-        # Nothing is lost, and nothing is called that Qt Bluetooth alone does not call.
+        # No notification may be lost, and no D-Bus call added.
         if row.exact and not values["bare"] == values["plugin"] == values["logged"]:
             self.wrong.append(row.what)
 
 
 def main():
-    parser = argparse.ArgumentParser(prog="scripts/bench", description="Measures what the plugin costs beside Qt Bluetooth alone.")
-    parser.add_argument("--rounds", type=int, default=7, help="how often each is measured (7)")
-    parser.add_argument("--short", action="store_true", help="a short round: for the counts, not for the times")
-    parser.add_argument("--json", type=argparse.FileType("w"), help="write every value to this file, too")
+    parser = argparse.ArgumentParser(prog="scripts/bench", description="Compares the plugin with Qt Bluetooth alone.")
+    parser.add_argument("--rounds", type=int, default=7, help="how often each workload is measured (7)")
+    parser.add_argument("--short", action="store_true", help="one short round, whose counts are valid but not its times")
+    parser.add_argument("--json", type=argparse.FileType("w"), help="also write every value to this file")
     arguments = parser.parse_args()
     if arguments.rounds < 1:
         parser.error("--rounds takes a number above 0")
@@ -199,7 +199,7 @@ def main():
         json.dump({"date": datetime.datetime.now().isoformat(timespec="seconds"), "rounds": bench.rounds,
                    "measures": bench.measures}, arguments.json, indent=1)
     if bench.wrong:
-        sys.exit(f"bench: a count is not what it has to be: {', '.join(bench.wrong)}.")
+        sys.exit(f"bench: these counts differ from the expected ones: {', '.join(bench.wrong)}.")
 
 
 main()

@@ -1,5 +1,6 @@
-// Keeps lights connected by the library for hosts, breaks them at random, and tells what that
-// leaves behind. Runs among virtual lights: corvelkx-lights --crowd 12 -- corvelkx-soak
+// Keeps lights connected through CorvelKX::Host, causes faults at random, and reports whether
+// memory, files or threads grow. Runs among virtual lights: corvelkx-lights --crowd 12 --
+// corvelkx-soak
 #include "CorvelKXBleInterface.h"
 #include "CorvelKXHost.h"
 #include "Support.h"
@@ -31,13 +32,13 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr int pollInterval = 20; // ms, for what tells nobody of a change
+constexpr int pollInterval = 20; // ms, for conditions whose change sends no event
 constexpr int reportInterval = 1000;
-constexpr int mostOfAService = 12000; // bytes; scripts/bench measures one
+constexpr int serviceSizeLimit = 12000; // bytes of a kept service object; scripts/bench measures it
 
-// What the log tells, on whatever thread.
+// Counted from the log lines of all threads.
 std::atomic_int servicesMade = 0;
-std::atomic_int disconnectionsToTell = 0;
+std::atomic_int disconnectionsLogged = 0;
 
 void readLog(QtMsgType, const QMessageLogContext &, const QString &line)
 {
@@ -46,8 +47,8 @@ void readLog(QtMsgType, const QMessageLogContext &, const QString &line)
     const bool isLost = line.startsWith(QLatin1String("BLEManager::slotDeviceDisconnected"))
                         || line.endsWith(QLatin1String("::InvalidBluetoothAdapterError"));
     if (isLost && !line.contains(QLatin1String("\"\"")))
-        ++disconnectionsToTell;
-    QCoreApplication::postEvent(qApp, new QEvent(QEvent::User)); // somebody may wait for it
+        ++disconnectionsLogged;
+    QCoreApplication::postEvent(qApp, new QEvent(QEvent::User)); // wakes waitFor()
 }
 
 struct Footprint
@@ -56,7 +57,7 @@ struct Footprint
     qint64 heap = heapSize();
     qsizetype files = entries("/proc/self/fd");
     qsizetype threads = entries("/proc/self/task");
-    uint matches = 0; // rules of the bus for signals that Qt listens to
+    uint matches = 0; // D-Bus match rules
     int services = servicesMade;
 
     static Footprint now()
@@ -82,13 +83,13 @@ struct Footprint
     }
 };
 
-// A host that keeps its lights connected and talks to each until it breaks.
+// A host that keeps its lights connected, and causes the next fault when a light answers.
 class Soak
 {
 public:
     Soak(quint32 seed, double slowness);
 
-    // Runs until so many cycles are done or the time is over; ends the program where it goes wrong.
+    // Runs \a cycles cycles, or until \a deadline. Ends the program if something goes wrong.
     void run(int cycles, QDeadlineTimer deadline);
     int cycles() const { return m_cycles; }
     Footprint report();
@@ -106,13 +107,13 @@ private:
     Host m_host;
     CorvelKXBleInterface *m_plugin = nullptr;
     QRandomGenerator m_random;
-    QHash<Light *, QByteArray> m_payloads; // what each light was last asked
+    QHash<Light *, QByteArray> m_payloads; // the last payload of each light
     QHash<Light *, QElapsedTimer> m_lost;
     QElapsedTimer m_elapsed;
     bool m_isResting = false;
     int m_cycles = 0;
     int m_disconnections = 0;
-    int m_faults = 0; // that are not over
+    int m_faults = 0; // still active
     quint32 m_number = 0;
     qint64 m_longest = 0;
 };
@@ -124,7 +125,7 @@ Soak::Soak(quint32 seed, double slowness) : m_random(seed)
     };
     m_host.setTimes({ slow(1s), slow(4s), slow(300ms), 20ms, 300ms, slow(1s), slow(300ms), 20ms });
     require(m_host.load(QStringLiteral(PLUGIN_FILE)), qPrintable(m_host.errorString()));
-    // The same object, for what the library does not tell.
+    // The plugin object itself, because the library does not report each disconnection.
     QPluginLoader loader(QStringLiteral(PLUGIN_FILE));
     m_plugin = qobject_cast<CorvelKXBleInterface *>(loader.instance());
     QObject::connect(m_plugin, &CorvelKXBleInterface::sigDeviceDisconnected, &m_host,
@@ -154,10 +155,10 @@ void Soak::onStateChanged(Light *light)
 void Soak::onMessage(Light *light, const QByteArray &data)
 {
     require(data.startsWith(light->address().toLatin1()),
-            "A light sends what another one was sent.");
+            "A light answered with the payload of another one.");
     if (data != m_payloads.value(light))
         return;
-    // The time during which something else was broken as well is not the light's.
+    // While another fault is active, the recovery time says nothing about this light.
     if (m_lost.contains(light) && m_faults == 0)
         m_longest = std::max(m_longest, m_lost.value(light).elapsed());
     m_lost.remove(light);
@@ -168,10 +169,10 @@ void Soak::onMessage(Light *light, const QByteArray &data)
 
 void Soak::change(const QString &address, const char *key, const char *value)
 {
-    order("set", { address, QLatin1String(key), QLatin1String(value) });
+    command("set", { address, QLatin1String(key), QLatin1String(value) });
 }
 
-// The fault lasts until then, and how long a light was lost counts from there.
+// Ends a fault after a random time. Recovery times count from the end of the last fault.
 void Soak::later(const std::function<void()> &action)
 {
     ++m_faults;
@@ -189,27 +190,27 @@ void Soak::breakSomething(Light *light)
     if (m_random.bounded(100) == 0)
         breakSurroundings();
     switch (m_random.bounded(10)) {
-    case 0: // the next write is refused, and the link ends without a word
+    case 0: // the next write is refused; the link then ends without a signal
         change(address, "writes", "refuse");
         later([=] { change(address, "writes", "accept"); });
         break;
     case 1:
-        order("vanish", { address });
+        command("vanish", { address });
         break;
     case 2:
         change(address, "connect", m_random.bounded(2) ? "refuse" : "hang");
         later([=] { change(address, "connect", "accept"); });
-        order("drop", { address });
+        command("drop", { address });
         break;
     case 3:
         light->disconnectFromDevice();
         light->setKeepConnected(true);
         return;
     default:
-        order("drop", { address });
+        command("drop", { address });
         break;
     }
-    light->send(address.toLatin1()); // where nothing is told, the missing answer tells
+    light->send(address.toLatin1()); // faults without a signal show by the missing answer
 }
 
 void Soak::breakSurroundings()
@@ -220,8 +221,8 @@ void Soak::breakSurroundings()
                                    { u"daemon"_s, u"kill"_s, u"return"_s } };
     const QStringList fault = faults[m_random.bounded(4)];
     const QByteArray what = fault.at(0).toLatin1();
-    order(what, { fault.at(1) });
-    later([=] { order(what, { fault.at(2) }); });
+    command(what, { fault.at(1) });
+    later([=] { command(what, { fault.at(2) }); });
 }
 
 void Soak::run(int cycles, QDeadlineTimer deadline)
@@ -236,7 +237,7 @@ void Soak::run(int cycles, QDeadlineTimer deadline)
         const int before = m_cycles;
         require(waitFor([&] { return m_cycles > before; }));
     }
-    // Nothing breaks any more, and each light is ready and answers.
+    // Cause no more faults, and wait until each light is ready and answers.
     m_isResting = true;
     const auto isLost = [this](Light *light) {
         return !light->isReady() || m_lost.contains(light);
@@ -249,12 +250,12 @@ void Soak::run(int cycles, QDeadlineTimer deadline)
         for (Light *light : lights)
             std::printf("%s is %s.\n", qPrintable(light->address()),
                         qPrintable(light->stateString()));
-        require(false, "A light does not come back.");
+        require(false, "A light was not ready again.");
     }
-    // What was told last has yet to arrive.
-    require(waitFor([this] { return m_disconnections >= disconnectionsToTell; }, pollInterval)
-                    && m_disconnections == disconnectionsToTell,
-            "Not each disconnection was told once.");
+    // The last signals may still be on their way to this thread.
+    require(waitFor([this] { return m_disconnections >= disconnectionsLogged; }, pollInterval)
+                    && m_disconnections == disconnectionsLogged,
+            "Not every disconnection was reported exactly once.");
 }
 
 Footprint Soak::report()
@@ -275,20 +276,20 @@ void Soak::close()
         require(stillConnected.isEmpty(), "A light did not disconnect.");
         isClosed = true;
     });
-    m_host.close(std::chrono::minutes(1)); // also under a sanitizer
-    require(waitFor([&] { return isClosed && order("connected").isEmpty(); }, pollInterval),
+    m_host.close(std::chrono::minutes(1)); // sanitizers are slow
+    require(waitFor([&] { return isClosed && command("connected").isEmpty(); }, pollInterval),
             "A light stays connected.");
 }
 
-// The heap grows by the services that are kept, and by nothing else. Matches come and go with the
-// links that are being dropped: some for each light, but no more.
+// The heap may grow only by the kept service objects. The number of match rules varies with the
+// links that are being closed, by a few for each light.
 void requireFlat(const Footprint &first, const Footprint &last, uint lights)
 {
     const qint64 bytes = last.heap - first.heap;
     require(first.files == last.files && first.threads == last.threads
                     && last.matches <= first.matches + 4 * lights
-                    && bytes <= qint64(mostOfAService) * (last.services - first.services),
-            "The heap, files, threads or matches grew.");
+                    && bytes <= qint64(serviceSizeLimit) * (last.services - first.services),
+            "The heap, or the number of files, threads or match rules, grew.");
 }
 
 } // namespace
@@ -325,7 +326,7 @@ int main(int argc, char *argv[])
     std::optional<Footprint> first;
     Footprint last;
     while (soak.cycles() < cycles && !deadline.hasExpired()) {
-        // Two reports at the least, for they are compared.
+        // At least two reports, because the first and the last are compared.
         const QDeadlineTimer quarter(std::chrono::duration_cast<std::chrono::seconds>(minutes / 4));
         soak.run(std::min({ std::max(cycles / 2, 1), reportInterval, cycles - soak.cycles() }),
                  std::min(deadline, quarter));

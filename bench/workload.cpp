@@ -1,4 +1,5 @@
-// One thing to measure, done once in one of three ways; prints a JSON object. bench.py runs it.
+// Measures one workload once, with Qt Bluetooth alone, the plugin, or the plugin and its log.
+// Prints a JSON object. bench.py runs it.
 #include "BLEManager.h"
 #include "Central.h"
 #include "Support.h"
@@ -30,9 +31,9 @@ using Microseconds = std::chrono::duration<double, std::micro>;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
 constexpr int payloadSize = 20;
-constexpr int pollInterval = 5; // ms, for what tells nobody of a change
+constexpr int pollInterval = 5; // ms, for conditions whose change sends no event
 
-double processorTime()
+double cpuTime()
 {
     rusage usage = {};
     getrusage(RUSAGE_SELF, &usage);
@@ -50,7 +51,7 @@ double quantile(std::vector<double> &values, double part)
     return *place;
 }
 
-// Remembers when a message of the bus was last handed to Qt Bluetooth, on whatever thread.
+// Remembers when Qt Bluetooth last received a D-Bus message, on any thread.
 class Application : public QCoreApplication
 {
 public:
@@ -71,11 +72,11 @@ private:
     std::atomic<Clock::time_point> m_lastMessage { Clock::time_point() };
 };
 
-// The longest time for which the event loop of this thread came to nothing.
-class Gap
+// Measures the longest stall of this thread's event loop.
+class StallMeter
 {
 public:
-    Gap()
+    StallMeter()
     {
         m_timer.setTimerType(Qt::PreciseTimer);
         QObject::connect(&m_timer, &QTimer::timeout, &m_timer, [this] {
@@ -98,15 +99,15 @@ QJsonObject named(const char *name, double value)
     return { { QLatin1String(name), value } };
 }
 
-// Does \a begin, and returns when \a teller has told of each light.
-template<typename Teller>
-void awaitAll(Teller *teller, const QStringList &addresses, const std::function<void()> &begin)
+// Calls \a begin, and returns when \a callback was called for each light.
+template<typename Callback>
+void awaitAll(Callback *callback, const QStringList &addresses, const std::function<void()> &begin)
 {
     QSet<QString> missing(addresses.cbegin(), addresses.cend());
-    *teller = [&missing](const QString &address, auto...) { missing.remove(address); };
+    *callback = [&missing](const QString &address, auto...) { missing.remove(address); };
     begin();
     require(waitFor([&missing] { return missing.isEmpty(); }));
-    *teller = [](auto...) {};
+    *callback = [](auto...) {};
 }
 
 void find(Central *central, const QStringList &addresses)
@@ -123,7 +124,8 @@ void connectAll(Central *central, const QStringList &addresses)
     });
 }
 
-// Ready, and all that goes with it done: the light answers.
+// Connects the lights, and waits for an answer of each so that nothing of the connection is
+// pending.
 void bringUp(Central *central, const QStringList &addresses)
 {
     find(central, addresses);
@@ -137,20 +139,20 @@ void bringUp(Central *central, const QStringList &addresses)
 QJsonObject calls(Central *central, const QStringList &addresses, int)
 {
     find(central, addresses);
-    // The scan's own calls are not of interest, the last of them included.
+    // Do not count the calls of the scan, including the one that stops it.
     require(waitFor(
             [] {
-                return order("report").constFirst().contains(QLatin1String("\"scanning\":false"));
+                return command("report").constFirst().contains(QLatin1String("\"scanning\":false"));
             },
             pollInterval));
-    order("reset");
+    command("reset");
     connectAll(central, addresses);
     const QString &light = addresses.constFirst();
     awaitAll(&central->received, addresses,
              [&] { central->send(light, QByteArray(payloadSize, 'x')); });
-    awaitAll(&central->gone, addresses, [&] { central->letGo(light); });
+    awaitAll(&central->gone, addresses, [&] { central->disconnectFrom(light); });
     double total = 0;
-    const QStringList lines = order("calls");
+    const QStringList lines = command("calls");
     for (const QString &line : lines)
         total += line.section(QLatin1Char(' '), 1).toDouble();
     return named("calls", total);
@@ -165,12 +167,12 @@ QJsonObject rate(Central *central, const QStringList &addresses, int count)
         if (received++ == 0)
             begin = Clock::now();
     };
-    order("burst", { addresses.constFirst(), count, payloadSize, 0 });
-    const double before = processorTime();
+    command("burst", { addresses.constFirst(), count, payloadSize, 0 });
+    const double before = cpuTime();
     require(waitFor([&] { return received == count; }));
     const std::chrono::duration<double> elapsed = Clock::now() - begin;
     return { { QStringLiteral("perSecond"), count / elapsed.count() },
-             { QStringLiteral("processor"), (processorTime() - before) / count } };
+             { QStringLiteral("processor"), (cpuTime() - before) / count } };
 }
 
 QJsonObject flood(Central *central, const QStringList &addresses, int seconds)
@@ -187,7 +189,7 @@ QJsonObject flood(Central *central, const QStringList &addresses, int seconds)
         disorder += qFromBigEndian<quint32>(data.constData()) != next[address]++;
     };
     for (const QString &address : addresses)
-        order("burst", { address, count, payloadSize, rateOfOne });
+        command("burst", { address, count, payloadSize, rateOfOne });
     const bool areAllThere = waitFor([&] { return received == count * addresses.size(); });
     return { { QStringLiteral("sent"), double(count) * double(addresses.size()) },
              { QStringLiteral("lost"),
@@ -208,7 +210,7 @@ QJsonObject delay(Central *central, const QStringList &addresses, int count)
                                                  { addresses.constFirst(),
                                                    QString::fromLatin1(QByteArray(40, '0')) });
     for (int i = 1; i <= count; ++i) {
-        QDBusConnection::systemBus().send(message); // nobody waits for the answer
+        QDBusConnection::systemBus().send(message); // without waiting for the reply
         require(waitFor([&] { return int(delays.size()) == i; }));
     }
     return { { QStringLiteral("p50"), quantile(delays, 0.5) },
@@ -247,11 +249,11 @@ QJsonObject crowd(Central *central, const QStringList &addresses, int)
     const auto quiet = Clock::now() + std::chrono::milliseconds(500);
     double idle = 0;
     {
-        const Gap gap;
+        const StallMeter gap;
         require(waitFor([&] { return Clock::now() > quiet; }, 1));
         idle = gap.milliseconds();
     }
-    const Gap gap;
+    const StallMeter gap;
     const auto begin = Clock::now();
     connectAll(central, addresses);
     return { { QStringLiteral("milliseconds"), Milliseconds(Clock::now() - begin).count() },
@@ -261,7 +263,7 @@ QJsonObject crowd(Central *central, const QStringList &addresses, int)
 
 QJsonObject connectedBytes(Central *central, const QStringList &addresses, int)
 {
-    // The first one pays for what all share.
+    // The first light allocates what all lights share.
     bringUp(central, addresses.mid(0, 1));
     const qint64 before = heapSize();
     bringUp(central, addresses.mid(1));
@@ -309,7 +311,7 @@ QJsonObject knownBytes(Central *, const QStringList &, int count)
     return named("bytes", double(heapSize() - before) / count);
 }
 
-// What each reconnection leaves on purpose: the service objects, which live as long as the manager.
+// The memory that each reconnection keeps: service objects live as long as the manager, by design.
 QJsonObject kept(Central *, const QStringList &addresses, int count)
 {
     BLEManager manager;
@@ -329,12 +331,12 @@ QJsonObject kept(Central *, const QStringList &addresses, int count)
             isReady = isGone = false;
             manager.reconnectDevice(addresses.constFirst());
             require(waitFor([&] { return isReady; }));
-            order("drop", { addresses.constFirst() });
+            command("drop", { addresses.constFirst() });
             require(waitFor([&] { return isGone; }));
         }
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     };
-    reconnect(50); // what all share
+    reconnect(50); // allocates what all reconnections share
     qDeleteAll(manager.findChildren<QLowEnergyService *>());
     const qint64 before = heapSize();
     reconnect(count);
@@ -409,7 +411,7 @@ int main(int argc, char *argv[])
     if (workload == std::end(workloads))
         parser.showHelp(EXIT_FAILURE);
 
-    // Formatted where it is wanted, and dropped.
+    // The log is formatted if it is enabled, and discarded.
     const bool isLogged = words.at(0) == QLatin1String("logged");
     QLoggingCategory::setFilterRules(isLogged ? QStringLiteral("*.debug=false\ndefault.debug=true")
                                               : QStringLiteral("*.debug=false"));

@@ -17,7 +17,7 @@ using std::chrono::seconds;
 namespace {
 
 constexpr seconds answerTime(1);
-// The program's end tells the signal; here it is just no success.
+// main() replaces it by 128 + the number of the signal.
 constexpr int interruptedStatus = EXIT_FAILURE;
 
 bool isUnderWay(const Light *light)
@@ -87,9 +87,10 @@ int Commands::lightsFor(const QStringList &addresses, QList<Light *> *lights)
     for (const QString &address : addresses) {
         Light *light = m_host->light(address.toUpper());
         if (!light) {
-            m_output->complain(QStringLiteral("\"%1\" is not an address; one is six hexadecimal "
-                                              "pairs separated by colons.")
-                                       .arg(printable(address)));
+            m_output->complain(
+                    QStringLiteral("\"%1\" is not an address: write six hexadecimal pairs "
+                                   "with colons, such as C0:FF:EE:00:00:01.")
+                            .arg(printable(address)));
             return usageError;
         }
         lights->append(light);
@@ -153,7 +154,7 @@ int Commands::waitReady(const QList<Light *> &lights)
     for (const Light *light : lights) {
         if (light->isReady())
             continue;
-        // That there is no adapter is said once.
+        // Print an error of the adapter once, not for each light.
         const bool isOfAll = light->reason() == Light::Reason::BluetoothFailed;
         status = fail(isOfAll ? failureOf(*m_host) : light->reasonString());
         if (isOfAll)

@@ -9,18 +9,18 @@
 #include <chrono>
 #include <optional>
 
-/*! What the options say about the waits. */
+/*! The options that limit the commands' waits. */
 struct Waits
 {
-    std::chrono::milliseconds timeout { 30000 };       //!< of each single wait
-    std::optional<std::chrono::milliseconds> duration; //!< how long to listen
-    quint64 messages = 0;        //!< how many messages end listening; 0: any number
-    bool answerRequired = false; //!< whether sending fails without an answer
+    std::chrono::milliseconds timeout { 30000 };       //!< of each operation
+    std::optional<std::chrono::milliseconds> duration; //!< for how long to scan or listen
+    quint64 messages = 0;        //!< end listening after this many messages; 0: no limit
+    bool answerRequired = false; //!< send fails without an answer
 };
 
 /*!
-    The host's commands. Each returns the exit status that it stands for, and has complained where
-    that is not 0.
+    The host's commands. Each returns an exit status; if that is not 0, it has printed why, unless
+    the user interrupted it.
 */
 class Commands
 {
@@ -29,7 +29,7 @@ public:
 
     /*! Scans for \a duration. */
     int scan(std::chrono::milliseconds duration);
-    /*! Connects those of \a addresses that are not ready, and waits until all are. */
+    /*! Connects \a addresses, and waits until all are ready or have failed. */
     int connectLights(const QStringList &addresses);
     int send(const QString &address, const QString &hex);
     int listen(const QStringList &addresses);
@@ -46,10 +46,10 @@ private:
     Waits m_waits;
 };
 
-/*! Prints whatever becomes ready, goes or sends a message, as it happens. */
+/*! Prints when a light becomes ready, disconnects or sends a message. */
 void printEvents(CorvelKX::Host *host, Output *output);
 
-/*! The sentence for what keeps \a host from its lights, with what helps. */
+/*! The error of \a host, with a hint at --simulate if there are no virtual lights. */
 QString failureOf(const CorvelKX::Host &host);
 
 /*! One line about \a light. */

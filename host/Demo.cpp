@@ -12,10 +12,10 @@ using CorvelKX::Light;
 
 namespace {
 
-constexpr qsizetype mostLights = 3;
+constexpr qsizetype maximumLights = 3;
 constexpr std::chrono::seconds scanTime(2);
 
-// The program that commands the virtual lights, where the host runs among them.
+// corvelkx-lights if the host runs among virtual lights, otherwise empty.
 QString lightsProgram()
 {
     return qEnvironmentVariable("CORVELKX_LIGHTS");
@@ -91,7 +91,7 @@ void Demo::tellWhatLightsGot()
 
 bool Demo::scan()
 {
-    chapter(QStringLiteral("Scan: each supported light is found, other devices are not"));
+    chapter(QStringLiteral("Scan: all lights are found, other devices are ignored"));
     tell(QStringLiteral("host"), QStringLiteral("startScan()"));
     m_host->startScan(scanTime);
     if (m_waiter->waitUntil([this] { return !m_host->isScanning(); }, unlimited)
@@ -101,7 +101,7 @@ bool Demo::scan()
         m_output->complain(failureOf(*m_host));
         return false;
     }
-    m_lights = m_host->lights().mid(0, mostLights);
+    m_lights = m_host->lights().mid(0, maximumLights);
     if (m_lights.isEmpty())
         m_output->complain(QStringLiteral("No light was found."));
     return !m_lights.isEmpty();
@@ -109,7 +109,7 @@ bool Demo::scan()
 
 bool Demo::connectLights()
 {
-    chapter(QStringLiteral("Connect: a light is ready when it takes messages"));
+    chapter(QStringLiteral("Connect: a light is ready when it takes payloads"));
     for (Light *light : std::as_const(m_lights)) {
         tell(QStringLiteral("host"), light->address() + QLatin1String(" setKeepConnected(true)"));
         light->setKeepConnected(true);
@@ -145,7 +145,7 @@ bool Demo::sendToAll(char number)
 
 bool Demo::talk()
 {
-    chapter(QStringLiteral("Talk: a payload to each light, and what comes back"));
+    chapter(QStringLiteral("Talk: each light gets a payload and answers"));
     return sendToAll(1);
 }
 
@@ -153,27 +153,28 @@ bool Demo::lose()
 {
     const Light *light = m_lights.constFirst();
     const QString address = light->address();
-    chapter(QStringLiteral("Lose a link: the library brings the light back"));
+    chapter(QStringLiteral("Lose a link: the library reconnects the light"));
     if (lightsProgram().isEmpty()) {
         m_output->say(QStringLiteral("  Please switch %1 off and on again.").arg(address));
     } else {
         tell(QStringLiteral("light"), address + QLatin1String(" drops the link"));
         command({ QStringLiteral("drop"), address });
     }
-    return wait([light] { return !light->isReady(); }, address + QLatin1String(" did not go."))
+    return wait([light] { return !light->isReady(); },
+                address + QLatin1String(" did not disconnect."))
            && wait([light] { return light->isReady(); },
-                   address + QLatin1String(" did not come back."))
+                   address + QLatin1String(" was not ready again."))
            && sendToAll(0x10);
 }
 
 bool Demo::forget()
 {
-    chapter(QStringLiteral("Forget: the lights are disconnected, and are nobody's"));
+    chapter(QStringLiteral("Forget: the lights are disconnected and removed"));
     for (Light *light : std::as_const(m_lights)) {
         tell(QStringLiteral("host"), light->address() + QLatin1String(" forget()"));
         light->forget();
     }
     const auto isThere = [this](Light *light) { return m_host->lights().contains(light); };
     return wait([&] { return std::none_of(m_lights.cbegin(), m_lights.cend(), isThere); },
-                QStringLiteral("Not every light was let go."));
+                QStringLiteral("Not every light disconnected."));
 }

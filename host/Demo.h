@@ -7,10 +7,10 @@
 #include <QMap>
 
 /*!
-    A few lights from the first scan to the last disconnection, as a story: each line says who did
-    what: the host, the library, a light.
+    Demonstrates the library with a few lights, from scan to disconnection. Each line says who did
+    something (the host, the library or a light) and what.
 
-    A step returns whether the story goes on; where it does not, it has told why.
+    A step returns false, after an error message, if the demo cannot continue.
 */
 class Demo : public QObject
 {
@@ -39,5 +39,5 @@ private:
     Output *m_output;
     std::chrono::milliseconds m_timeout;
     QList<CorvelKX::Light *> m_lights;
-    QMap<QString, qsizetype> m_told; //!< how many payloads each light was said to have got
+    QMap<QString, qsizetype> m_told; //!< how many received payloads of each light were printed
 };

@@ -1,6 +1,6 @@
 #pragma once
 
-/*! What a wrong command line ends with; a failure ends with EXIT_FAILURE. */
+/*! The exit status after a wrong command line; any other failure is EXIT_FAILURE. */
 inline constexpr int usageError = 2;
-/*! What a program that a signal ended adds to its number. */
+/*! The exit status after signal N is signalBase + N. */
 inline constexpr int signalBase = 128;

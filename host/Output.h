@@ -6,9 +6,10 @@
 #include <QString>
 
 /*!
-    What the console host prints: one line of text for people, or one JSON object for programs.
+    The output of the console host: lines of text, or JSON objects for programs.
 
-    Text from the air (a light's name) is made printable, so that it cannot move the cursor.
+    Pass text from a light, such as its name, through printable(), so that it cannot control the
+    terminal.
 */
 class Output : public QObject
 {
@@ -23,21 +24,21 @@ public:
 
     /*! Prints \a text, or the object \a fields with the key "event" set to \a name. */
     void report(const QString &name, const QJsonObject &fields, const QString &text);
-    /*! Prints \a text for people only. */
+    /*! Prints \a text, unless the output is JSON. */
     void say(const QString &text);
-    /*! Prints "program: sentence" to the standard error output, and an event for programs. */
+    /*! Prints "program: sentence" to standard error; in JSON mode also an "error" event. */
     void complain(const QString &sentence);
-    /*! Replaces the live line of a terminal with \a text; nothing elsewhere. */
+    /*! Replaces the status line of a terminal with \a text; does nothing without a terminal. */
     void live(const QString &text);
 
     QString bold(const QString &text) const { return styled("1", text); }
     QString faint(const QString &text) const { return styled("2", text); }
 
 signals:
-    /*! Something is about to be printed, or was: whoever shows a prompt makes room for it. */
+    /*! Emitted before and after each line, so that a prompt can be hidden and shown again. */
     void aboutToPrint();
     void printed();
-    /*! Nobody reads the output any more. */
+    /*! The reader of the output is gone. */
     void closed();
 
 private:

@@ -33,7 +33,7 @@ public:
                 break;
             if (const int failed = carryOut(words))
                 status = failed;
-            // What was interrupted is the command, not the shell.
+            // On a terminal, Ctrl+C interrupts the command, not the shell.
             if (m_interrupt->signalNumber() == SIGINT && m_output->isTerminal()) {
                 m_interrupt->rearm();
                 m_waiter->resume();
@@ -65,7 +65,7 @@ private:
             m_output->say(help());
             return EXIT_SUCCESS;
         }
-        m_output->complain(QStringLiteral("\"%1\" is not understood; help lists the commands.")
+        m_output->complain(QStringLiteral("\"%1\" is not a command; try help.")
                                    .arg(printable(words.join(QLatin1Char(' ')))));
         return usageError;
     }
@@ -73,14 +73,14 @@ private:
     static QString help()
     {
         return QStringLiteral(
-                "scan [SECONDS]         look for lights\n"
-                "lights                 the lights found so far\n"
+                "scan [SECONDS]         scan for lights; 5 seconds by default\n"
+                "lights                 print the lights found so far\n"
                 "connect ADDRESS...     connect lights and wait until they are ready\n"
-                "listen ADDRESS...      print what comes, and bring back a light that goes\n"
+                "listen ADDRESS...      print messages, and reconnect lights that are lost\n"
                 "send ADDRESS HEX       send a payload and wait for an answer\n"
-                "forget ADDRESS         disconnect a light and forget it\n"
-                "wait SECONDS           only print what comes\n"
-                "quit                   disconnect all lights and leave");
+                "forget ADDRESS         disconnect a light and remove it from the list\n"
+                "wait SECONDS           print messages for that time\n"
+                "quit                   disconnect all lights and exit");
     }
 
     int scan(const QString &text)
@@ -102,8 +102,8 @@ private:
 
     int notSeconds(const QString &text)
     {
-        m_output->complain(
-                QStringLiteral("\"%1\" is not a number of seconds.").arg(printable(text)));
+        m_output->complain(QStringLiteral("\"%1\" is not a number of seconds from 0 to 86400.")
+                                   .arg(printable(text)));
         return usageError;
     }
 

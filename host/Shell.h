@@ -5,9 +5,8 @@
 class Interrupt;
 
 /*!
-    The host's commands typed by hand, one after the other, with links that stand between them.
-    Returns 0, or the status of the last command that failed where nobody watches (the input is no
-    terminal).
+    Reads and runs commands until the end of the input; links stay up between commands. Returns the
+    status of the last command that failed; on a terminal always 0, because the user saw the error.
 */
 int runShell(CorvelKX::Host *host, Waiter *waiter, Output *output, Interrupt *interrupt,
              const Waits &waits);

@@ -9,15 +9,16 @@
 
 namespace {
 
-constexpr double longest = 86400;
+constexpr double secondsOfADay = 86400;
 
-// Never deleted, for it is used when the process ends.
+// Never deleted, because Qt may log until the process ends.
 QString *programName = nullptr;
 
-// What a person can do something with.
+// Translates Qt's fatal messages to sentences that help a user.
 QString sentenceFor(const QString &fatalMessage)
 {
-    if (fatalMessage.startsWith(QLatin1String("QThread: Destroyed"))) // while the plugin waits
+    if (fatalMessage.startsWith(QLatin1String(
+                "QThread: Destroyed"))) // ~QThread, while the plugin waits for Bluetooth
         return QStringLiteral("The Bluetooth service does not answer.");
     if (fatalMessage.startsWith(QLatin1String("This application failed to start")))
         return QStringLiteral("There is no display to show a window on.");
@@ -26,7 +27,7 @@ QString sentenceFor(const QString &fatalMessage)
 
 void logToStandardError(QtMsgType type, const QMessageLogContext &, const QString &message)
 {
-    if (type == QtFatalMsg) { // Qt would abort
+    if (type == QtFatalMsg) { // otherwise Qt would abort
         QTextStream(stderr) << *programName << ": " << sentenceFor(message) << Qt::endl;
         std::_Exit(EXIT_FAILURE);
     }
@@ -75,7 +76,7 @@ std::optional<QByteArray> bytesFromHex(const QString &hex)
 
 QString notHex(const QString &text)
 {
-    return QStringLiteral("\"%1\" is no payload; one is a row of hexadecimal pairs.")
+    return QStringLiteral("\"%1\" is not a payload: write hexadecimal pairs, such as 01ff.")
             .arg(printable(text));
 }
 
@@ -83,7 +84,7 @@ std::optional<std::chrono::milliseconds> fromSeconds(const QString &text)
 {
     bool isNumber = false;
     const double value = text.toDouble(&isNumber);
-    if (!isNumber || !(value >= 0 && value <= longest))
+    if (!isNumber || !(value >= 0 && value <= secondsOfADay))
         return std::nullopt;
     return std::chrono::milliseconds(qRound64(value * 1000));
 }

@@ -7,24 +7,24 @@
 #include <chrono>
 #include <optional>
 
-/*! \a text with everything that is not printable spelt as \\uXXXX. */
+/*! \a text with all unprintable characters replaced by \\uXXXX. */
 QString printable(const QString &text);
 
-/*! \a data as a row of hexadecimal pairs. */
+/*! \a data as hexadecimal pairs. */
 QString toHex(const QByteArray &data);
-/*! The fields of a JSON object about a light, or about bytes that it sends or is sent. */
+/*! The JSON fields for a light, and for a light and a payload. */
 QJsonObject about(const QString &address);
 QJsonObject about(const QString &address, const QByteArray &data);
 
-/*! The bytes that \a hex spells in pairs, or nothing where it spells none. */
+/*! Converts hexadecimal pairs to bytes; std::nullopt if \a hex is empty or anything else. */
 std::optional<QByteArray> bytesFromHex(const QString &hex);
-/*! The sentence about \a text, which is no payload. */
+/*! The error message for \a text, which is not a payload. */
 QString notHex(const QString &text);
 
-/*! The time that \a text tells in seconds, up to a day, or nothing where it tells none. */
+/*! Converts a number of seconds from 0 to 86400; std::nullopt if \a text is anything else. */
 std::optional<std::chrono::milliseconds> fromSeconds(const QString &text);
 
-/*! Sends the debug log to the standard error output, or switches it and all warnings off. */
+/*! Writes the plugin's debug log to standard error, or switches the log and all warnings off. */
 void showLog(bool show);
-/*! The same for what is written from now on; costs the plugin nothing while it is off. */
+/*! Switches them on or off later. While off, the log costs the plugin nothing. */
 void enableLog(bool enable);

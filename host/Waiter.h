@@ -5,12 +5,12 @@
 #include <chrono>
 #include <functional>
 
-/*! A wait without a limit: as long as a timer can be set. */
+/*! The longest time for a QTimer, used as "no limit". */
 inline constexpr std::chrono::milliseconds unlimited = std::chrono::hours(24 * 20);
 
 /*!
-    Lets commands be written as a row of calls and waits: a wait runs the event loop until what it
-    waits for is there, its time is over, or the user interrupts.
+    Lets commands wait in sequential code: waitUntil() runs the event loop until a condition holds,
+    a time limit is over, or the user interrupts.
 */
 class Waiter : public QObject
 {
@@ -19,11 +19,11 @@ class Waiter : public QObject
 public:
     enum class Outcome { Done, TimedOut, Interrupted };
 
-    /*! Waits until \a done, which is asked again after each check(). */
+    /*! Waits until \a done returns true; calls it after each check(). */
     Outcome waitUntil(const std::function<bool()> &done, std::chrono::milliseconds limit) const;
-    /*! Something happened that somebody may be waiting for. */
+    /*! Call this when something changed that a condition may depend on. */
     void check() { emit checked(); }
-    /*! Ends the wait that is going on and those to come, until resume(). */
+    /*! Ends the current wait and all further ones until resume(). */
     void interrupt();
     void resume() { m_isInterrupted = false; }
 

@@ -16,12 +16,12 @@ namespace CorvelKX {
 
 namespace {
 
-// Each connection costs the plugin's thread up to a second of waiting for the Bluetooth service.
-constexpr int mostAttempts = 3;
-// The plugin ends a scan after 20 s; one that lasts longer hangs.
+// Each attempt makes the plugin's thread wait for bluetoothd for up to a second.
+constexpr int maximumAttempts = 3;
+// The plugin ends a scan after 20 s; a longer one hangs.
 constexpr auto pluginScan = 20s;
 constexpr auto longestScan = 25s;
-// The Bluetooth service forgets a light some 30 s after it was last seen.
+// bluetoothd forgets a light some 30 s after it last advertised.
 constexpr auto freshness = 20s;
 
 milliseconds grown(milliseconds first, milliseconds longest, int failures)
@@ -29,7 +29,7 @@ milliseconds grown(milliseconds first, milliseconds longest, int failures)
     return std::min(longest, first * (1 << std::min(failures, 10)));
 }
 
-// The one that uses the plugin, which has one object for all who load it.
+// Only one Host may use the plugin, because all loaders share one plugin object.
 Host *theUser = nullptr;
 
 QString findPlugin()
@@ -62,7 +62,7 @@ Host::~Host()
         theUser = nullptr;
     if (!m_plugin)
         return;
-    // The plugin object stays: its thread may be busy, and is ended with the application.
+    // Do not delete the plugin object: its thread may be busy. It ends with the application.
     m_plugin->disconnect(this);
     m_plugin->stop();
     for (const Light *light : std::as_const(m_lights))
@@ -87,7 +87,7 @@ bool Host::load(const QString &fileName)
     // Qt would look for a relative path in the library paths only.
     m_loader.setFileName(QFileInfo(file).absoluteFilePath());
     const QString iid = m_loader.metaData().value(QLatin1String("IID")).toString();
-    // The loader's own reason is the better one where it could not even read the file.
+    // If the file could not be read, the error of instance() below says why.
     if (!iid.isEmpty() && iid != QLatin1String(CORVELKX_BLE_INTERFACE_IID)) {
         setError(Error::PluginError, tr("%1 is a plugin for something else (%2).").arg(file, iid));
         return false;
@@ -106,8 +106,8 @@ bool Host::load(const QString &fileName)
 
 void Host::watchPlugin()
 {
-    // By name: the interface's own meta-object code is the business of whoever uses the interface
-    // itself, and must not be in a program twice.
+    // Connect by name: a program that uses the interface itself compiles its meta-object code,
+    // which must not be in this library as well.
     // clang-format off
     connect(m_plugin, SIGNAL(sigDeviceDiscovered(int,QString,QString)),
             SLOT(onDiscovered(int,QString,QString)));
@@ -182,7 +182,7 @@ Light *Host::add(const QString &address)
     return light;
 }
 
-// Whether something can be asked for; tells where load() was left out.
+// Whether commands can be carried out; sets an error if load() was not called.
 bool Host::isUsable()
 {
     if (!m_plugin && !m_isClosing && m_error == Error::NoError)
@@ -195,7 +195,7 @@ void Host::startScan(milliseconds duration)
     if (!isUsable())
         return;
     m_scanEnd = QDeadlineTimer(duration);
-    stopPluginScan(); // the next one tells of all lights again
+    stopPluginScan(); // a new scan reports all lights again
     if (!std::exchange(m_isScanWanted, true))
         emit scanningChanged();
     advance();
@@ -235,7 +235,7 @@ void Host::onDiscovered(int protocolType, const QString &address, const QString 
     light->m_protocolType = protocolType;
     light->m_lastSeen = QDateTime::currentDateTime();
     ++light->m_seenCount;
-    // What is told while a light is being removed may be from before.
+    // While a light is being removed, this signal may be older than the removal.
     if (light->m_phase != Phase::Removing)
         light->m_freshUntil = QDeadlineTimer(freshness);
     if (isNew) {
@@ -245,7 +245,7 @@ void Host::onDiscovered(int protocolType, const QString &address, const QString 
         emit light->nameChanged();
     }
 
-    // The adapter is there again where that was all that was missing.
+    // A discovery also shows that the adapter works again.
     const bool isAwaited = light->m_phase == Phase::Searching
                            || (light->m_phase == Phase::Pausing
                                && light->m_reason == Reason::BluetoothFailed);
@@ -261,7 +261,7 @@ void Host::onScanFinished()
 {
     m_hasAnswered = true;
     const auto error = std::exchange(m_scanError, std::nullopt);
-    if (!m_isPluginScanning) // it was stopped meanwhile
+    if (!m_isPluginScanning) // the scan was stopped in the meantime
         return;
     m_isPluginScanning = false;
     if (error) {
@@ -319,8 +319,8 @@ void Host::onConnected(const QString &address)
     Light *light = m_byAddress.value(address);
     if (!light || light->m_phase == Phase::Removing)
         return;
-    if (light->m_wish == Wish::None) { // an attempt that was given up before
-        letGo(light, light->m_reason);
+    if (light->m_wish == Wish::None) { // the attempt was given up in the meantime
+        disconnectLight(light, light->m_reason);
     } else {
         light->m_failures = light->m_timeouts = 0;
         light->m_giveUp = QDeadlineTimer::Forever;
@@ -385,7 +385,7 @@ void Host::want(Light *light, Wish wish, QDeadlineTimer giveUp)
         light->m_failures = light->m_timeouts = 0;
         begin(light, Reason::None);
     } else {
-        enter(light, light->m_phase, light->m_deadline); // it was being disconnected, perhaps
+        enter(light, light->m_phase, light->m_deadline); // the state may follow from the wish
     }
     advance();
 }
@@ -410,7 +410,7 @@ void Host::unwant(Light *light)
         break;
     case Phase::Attempting:
     case Phase::Ready:
-        letGo(light, Reason::Requested);
+        disconnectLight(light, Reason::Requested);
         break;
     case Phase::Removing:
         enter(light, Phase::Removing, light->m_deadline, Reason::Requested);
@@ -428,14 +428,14 @@ void Host::forget(Light *light)
         return;
     unwant(light);
     if (light->m_phase != Phase::Idle)
-        return; // it goes when it is disconnected
+        return; // onRemoved() deletes it once it is disconnected
     if (m_plugin)
         m_plugin->removeDevice(light->m_address);
     onRemoved(light);
 }
 
-// One try: the light is connected at once if it was seen lately, else it is looked for. So each
-// try but the first one begins with a scan, which also tells whether there is an adapter.
+// Starts one attempt: connects the light at once if a scan saw it recently, otherwise scans for it.
+// So all attempts but the first begin with a scan, which also tells whether the adapter works.
 void Host::begin(Light *light, Reason reason)
 {
     light->m_nextTry = QDeadlineTimer(
@@ -469,8 +469,8 @@ void Host::attempt(Light *light)
         m_plugin->connectToDevice(light->m_address);
 }
 
-// The plugin forgets the light, whatever it was doing with it.
-void Host::letGo(Light *light, Reason reason)
+// Makes the plugin forget the light, which also ends an attempt that is under way.
+void Host::disconnectLight(Light *light, Reason reason)
 {
     light->m_freshUntil = QDeadlineTimer(0);
     enter(light, Phase::Removing, QDeadlineTimer(m_times.disconnection), reason);
@@ -490,7 +490,7 @@ void Host::onRemoved(Light *light)
     } else if (light->m_wish == Wish::None) {
         enter(light, Phase::Idle);
     } else if (light->m_reason == Reason::Requested) {
-        light->m_failures = light->m_timeouts = 0; // wanted again meanwhile
+        light->m_failures = light->m_timeouts = 0; // the host wants it again
         begin(light, Reason::None);
     } else {
         fail(light, light->m_reason);
@@ -499,7 +499,7 @@ void Host::onRemoved(Light *light)
 
 void Host::fail(Light *light, Reason reason)
 {
-    // What is wanted once is not waited for where waiting does not help.
+    // connectToDevice() gives up at once if waiting cannot help.
     const bool isOver = light->m_giveUp.hasExpired() || reason == Reason::BluetoothFailed
                         || reason == Reason::NotSeen;
     if (light->m_wish == Wish::Once && isOver) {
@@ -516,16 +516,16 @@ void Host::expire(Light *light)
     switch (light->m_phase) {
     case Phase::Searching:
     case Phase::Queued:
-        return fail(light, Reason::NotSeen); // the whole time is over
+        return fail(light, Reason::NotSeen); // the time limit of connectToDevice() is over
     case Phase::Pausing:
         if (light->m_giveUp.hasExpired())
             return fail(light, light->m_reason);
         return begin(light, light->m_reason);
     case Phase::Attempting:
         ++light->m_timeouts;
-        return letGo(light, Reason::TimedOut);
+        return disconnectLight(light, Reason::TimedOut);
     case Phase::Ready:
-        return letGo(light, Reason::NoAnswer);
+        return disconnectLight(light, Reason::NoAnswer);
     case Phase::Removing:
         return onRemoved(light);
     case Phase::Idle:
@@ -584,12 +584,12 @@ int Host::unsettledCount() const
 
 QDeadlineTimer Host::deadlineOf(const Light &light)
 {
-    // A light that goes, or is there, is given up no more.
+    // m_giveUp limits attempts only, not a connection or a disconnection.
     const bool canBeGivenUp = light.m_phase != Phase::Removing && light.m_phase != Phase::Ready;
     return canBeGivenUp ? std::min(light.m_deadline, light.m_giveUp) : light.m_deadline;
 }
 
-// Does whatever is due. Called after everything that happens, and at the next deadline.
+// Does everything that is due. Called after each event and at the next deadline.
 void Host::advance()
 {
     const auto lights = m_lights;
@@ -618,17 +618,17 @@ void Host::advance()
 
 void Host::connectQueued()
 {
-    while (!m_queue.isEmpty() && unsettledCount() < mostAttempts) {
+    while (!m_queue.isEmpty() && unsettledCount() < maximumAttempts) {
         if (m_isPluginScanning && !m_gathered.hasExpired())
-            return; // more may be found
-        // An adapter that scans takes far longer to connect.
+            return; // the scan may find more lights
+        // A scanning adapter takes far longer to connect.
         stopPluginScan();
         attempt(m_queue.constFirst());
     }
 }
 
-// Whether nothing was told of the plugin's scan by the time at which the plugin ends it: either it
-// found nothing and is just about to end, or the Bluetooth service does not answer.
+// Whether the plugin's scan should end about now but has not reported anything: either it found
+// nothing and is about to end, or bluetoothd does not answer.
 bool Host::isScanOverdue() const
 {
     constexpr auto tolerance = 500ms;
@@ -651,7 +651,8 @@ void Host::updateScan()
         stopPluginScan();
     if (!isWanted || !m_queue.isEmpty() || unsettledCount() > 0)
         return;
-    // A light that the scan has told of already is told of by a new one only.
+    // A running scan rarely reports a light twice, so a light that it has reported needs a new
+    // scan.
     const bool isStale = std::any_of(m_lights.cbegin(), m_lights.cend(), [this](const Light *l) {
         return l->m_phase == Phase::Searching && m_seenInScan.contains(l->m_address);
     });
@@ -715,10 +716,10 @@ void Host::finishClose()
         m_plugin->disconnect(this);
         stopPluginScan();
     }
-    // Later, for this may run inside one of the plugin's own signals.
+    // Queued, because this may run in a slot of the plugin object.
     const auto end = [this, stillConnected, plugin = std::exchange(m_plugin, {})] {
-        // The destructor waits for the plugin's thread, for a second and no longer; and a scan that
-        // has not been stopped by then goes on as long as the process.
+        // The destructor waits for the plugin's thread for one second only. If bluetoothd does not
+        // answer, leave the object alone; it ends with the application.
         if (stillConnected.isEmpty() && m_hasAnswered)
             delete plugin;
         if (theUser == this)

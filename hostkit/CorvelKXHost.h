@@ -15,19 +15,18 @@
 namespace CorvelKX {
 
 /*!
-    The lights altogether: loads the plugin and does for a host what the plugin's contract leaves to
-    it. The scan is stopped while lights are being connected, no more than a few are connected at a
-    time, none twice, and none before its last link is down; a light that is to be kept connected is
-    brought back after whatever happened to it.
+    All lights of an application. Loads the plugin and does what the plugin's interface leaves to
+    the host: stops the scan while lights are being connected, connects only a few at a time, none
+    twice, and none before its old link is down; reconnects lights that are to be kept connected.
 
-    \b Thread. The thread that creates it, which needs an event loop. Nothing blocks.
-    \b Ownership. Owns the Light objects. Deleting it at any moment disconnects all lights and
-    emits nothing; so does the end of the application. The library stays loaded. Do not delete it
-    from a slot of its own signals; deleteLater() may be called there.
-    \b Order. load() comes first; without it, nothing happens but an error. Only one Host at a time:
-    load() fails for a second one.
-    \b Failure. error() tells what keeps the host from its lights, errorString() as a sentence for
-    people. It is NoError again as soon as a scan works.
+    \b Thread. Lives on the thread that creates it, which needs an event loop. Nothing blocks.
+    \b Ownership. Owns the Light objects. Deleting it at any time, or the end of the application,
+    disconnects all lights and emits nothing. The plugin library stays loaded. Do not delete it in a
+    slot of its own signals; use deleteLater() there.
+    \b Order. Call load() first; without it, commands only set an error. There can be one Host at a
+    time: load() fails for a second one.
+    \b Failure. error() tells what keeps Bluetooth from working, errorString() as a sentence for
+    users. It becomes NoError as soon as a scan works.
 */
 class Host : public QObject
 {
@@ -37,85 +36,85 @@ class Host : public QObject
     Q_PROPERTY(bool scanning READ isScanning NOTIFY scanningChanged)
 
 public:
-    /*! What keeps the host from its lights. */
+    /*! What keeps Bluetooth from working. */
     enum class Error {
         NoError,
         PluginError,   //!< the plugin cannot be loaded
-        NoAdapter,     //!< there is no adapter, no Bluetooth service or, on Linux, no permission
+        NoAdapter,     //!< there is no adapter, no bluetoothd or, on Linux, no permission
         AdapterOff,    //!< the adapter is switched off
         NoPermission,  //!< the program may not use Bluetooth; on Linux, this is NoAdapter
         NotSupported,  //!< Qt Bluetooth cannot scan on this platform
         ScanFailed,    //!< the scan failed for another reason
-        NotResponding, //!< the Bluetooth service does not answer
+        NotResponding, //!< bluetoothd does not answer
     };
     Q_ENUM(Error)
 
-    /*! Times for everything that may take too long. The plugin's own are not among them. */
+    /*! The time limits and pauses. Those of the plugin itself cannot be changed. */
     struct Times
     {
-        //! The limit of one attempt to connect a light; from the second attempt in a row that took
-        //! too long, doubled for each one, up to the longest.
+        //! The limit of one connection attempt. From the second consecutive time-out on, each one
+        //! doubles it, up to longestAttempt.
         std::chrono::milliseconds attempt { 6000 };
-        std::chrono::milliseconds longestAttempt { 30000 }; //!< to which an attempt's limit grows
-        //! How long a light may take to disconnect.
+        std::chrono::milliseconds longestAttempt { 30000 }; //!< the maximum of attempt
+        //! The limit of a disconnection.
         std::chrono::milliseconds disconnection { 2500 };
-        //! From one try to the next one; doubled for each failure in a row, up to the longest.
+        //! From one attempt to the next. Doubles with each consecutive failure, up to longestPause.
         std::chrono::milliseconds pause { 500 };
-        std::chrono::milliseconds longestPause { 8000 }; //!< to which a pause grows
-        //! The limit for an answer to a payload; without one, none is expected.
+        std::chrono::milliseconds longestPause { 8000 }; //!< the maximum of pause
+        //! The limit for the answer to a payload; 0 if the lights need not answer.
         std::chrono::milliseconds answer { 0 };
-        //! How long an attempt that is under way holds up scans and other attempts.
+        //! For how long a running attempt delays scans and further attempts.
         std::chrono::milliseconds settling { 3000 };
-        //! How long a scan goes on for more lights, once one was found that is to be connected.
+        //! For how long a scan continues after it found a light to connect, to find others too.
         std::chrono::milliseconds gathering { 500 };
     };
 
-    /*! Makes a host without a plugin; load() comes next. */
+    /*! Creates a host without a plugin. Call load() next. */
     explicit Host(QObject *parent = nullptr);
     ~Host() override;
 
     /*!
-        Loads the plugin from \a fileName; without one, looks beside the program, then in the
-        library paths of the application, in the directory "corvelkx". Returns whether it is
-        loaded; if not, error() is PluginError.
+        Loads the plugin file \a fileName. If that is empty, searches beside the program, then in
+        the directory "corvelkx" of each QCoreApplication::libraryPaths(). Returns false, and sets
+        error() to PluginError, if it cannot be loaded.
     */
     bool load(const QString &fileName = {});
-    /*! Whether the plugin is loaded, and close() has not deleted its object. */
+    /*! Whether the plugin is loaded; false again once close() is done. */
     bool isLoaded() const { return m_plugin; }
 
-    /*! What keeps the host from its lights at the moment. */
+    /*! What currently keeps Bluetooth from working. */
     Error error() const { return m_error; }
-    /*! The same as a sentence for people; empty for NoError. */
+    /*! The same as a sentence for users; empty for NoError. */
     QString errorString() const;
 
-    /*! The limits and pauses; changed ones count from the next attempt on. */
+    /*! The time limits and pauses. Changes apply from the next attempt on. */
     const Times &times() const { return m_times; }
     /*! \copydoc times() */
     void setTimes(const Times &times) { m_times = times; }
 
     /*!
-        Scans for \a duration, anew if a scan is going on; it is interrupted while lights are being
-        connected. Emits lightAdded() for each light that is new, and Light::seen().
+        Scans for \a duration; a running scan is restarted. The scan pauses while lights are being
+        connected. Emits lightAdded() for each new light, and Light::seen().
     */
     void startScan(std::chrono::milliseconds duration = std::chrono::seconds(20));
-    /*! Ends the scan that startScan() started. Lights that are looked for are still scanned for. */
+    /*! Ends the scan of startScan(). Scans for lights that are to be connected continue. */
     void stopScan();
-    /*! Whether a scan was started and is not over. */
+    /*! Whether the scan of startScan() is running. */
     bool isScanning() const { return m_isScanWanted; }
-    /*! How long the scan still lasts, in milliseconds. */
+    /*! The remaining time of that scan in milliseconds. */
     qint64 remainingScanTime() const;
 
-    /*! The lights in the order in which they were first seen or asked for. */
+    /*! All lights, in the order in which they were added. */
     QList<Light *> lights() const { return m_lights; }
-    /*! The light \a address, which is added if it is not known; null if that is no address. */
+    /*! The light with \a address, added if it is unknown; null if that is not an address. */
     Light *light(const QString &address);
-    /*! Whether \a text is an address as the plugin gives them. */
+    /*! Whether \a text is an address: six upper-case hexadecimal pairs with colons. */
     static bool isAddress(const QString &text);
 
     /*!
-        Stops scanning, disconnects all lights and waits for at most \a limit; then emits closed().
-        The plugin object is deleted where the plugin answered, else it is left to the end of the
-        application. Nothing else can be asked for afterwards.
+        Stops the scan, disconnects all lights, waits for at most \a limit, and emits closed(). If
+        bluetoothd answered, the plugin object is deleted then, otherwise at the end of the
+        application. Afterwards this object cannot be used again.
     */
     void close(std::chrono::milliseconds limit = std::chrono::seconds(5));
 
@@ -124,9 +123,9 @@ signals:
     void errorChanged();
     /*! isScanning() changed. */
     void scanningChanged();
-    /*! A scan that was started is over: by its time, stopScan() or an error. */
+    /*! The scan of startScan() is over: its time is up, stopScan() was called, or it failed. */
     void scanFinished();
-    /*! \a light is new, by a scan or by light(). */
+    /*! \a light was added, by a scan or by light(). */
     void lightAdded(CorvelKX::Light *light);
     /*! \a light was forgotten and is about to be deleted. */
     void lightRemoved(CorvelKX::Light *light);
@@ -136,7 +135,7 @@ signals:
     void lightStateChanged(CorvelKX::Light *light);
     /*! \a light emitted Light::messageReceived() with \a data. */
     void messageReceived(CorvelKX::Light *light, const QByteArray &data);
-    /*! close() is done; \a stillConnected are the addresses of those that did not go in time. */
+    /*! close() is done; the lights \a stillConnected did not disconnect in time. */
     void closed(const QStringList &stillConnected);
 
 private slots:
@@ -157,18 +156,18 @@ private:
     void watchPlugin();
     void onScanFailed(QBluetoothDeviceDiscoveryAgent::Error error);
 
-    // What a Light asks for.
+    // Called by Light.
     void want(Light *light, Wish wish, QDeadlineTimer giveUp);
     void unwant(Light *light);
     void setWish(Light *light, Wish wish);
     void forget(Light *light);
     bool send(Light *light, const QByteArray &data);
 
-    // The steps of a light, from one phase to the next one.
+    // The transitions of a light from one phase to the next.
     void begin(Light *light, Reason reason);
     void queue(Light *light);
     void attempt(Light *light);
-    void letGo(Light *light, Reason reason);
+    void disconnectLight(Light *light, Reason reason);
     void onRemoved(Light *light);
     void fail(Light *light, Reason reason);
     void expire(Light *light);
@@ -201,18 +200,18 @@ private:
     QList<Light *> m_lights;
     QHash<QString, Light *> m_byAddress;
     QList<Light *> m_queue;     //!< to be connected next
-    QSet<QString> m_seenInScan; //!< since the plugin's scan began
+    QSet<QString> m_seenInScan; //!< addresses that the plugin's current scan reported
     QTimer m_timer;
     QDeadlineTimer m_scanEnd { QDeadlineTimer::Forever };
-    QDeadlineTimer m_scanGuard { QDeadlineTimer::Forever }; //!< when the plugin's scan must be over
+    QDeadlineTimer m_scanGuard { QDeadlineTimer::Forever }; //!< by when the plugin's scan must end
     QDeadlineTimer m_gathered;
     QDeadlineTimer m_closeEnd { QDeadlineTimer::Forever };
     bool m_isScanWanted = false;
     bool m_isPluginScanning = false;
     bool m_isClosing = false;
     bool m_isClosed = false;
-    bool m_hasAnswered =
-            true; //!< the plugin, since the last command that makes it wait for Bluetooth
+    //! Whether the plugin emitted a signal since the last command that waits for bluetoothd.
+    bool m_hasAnswered = true;
 };
 
 } // namespace CorvelKX

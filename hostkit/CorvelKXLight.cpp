@@ -40,8 +40,8 @@ QString Light::reasonString() const
     case Reason::None:
         return {};
     case Reason::NotSeen:
-        return tr("%1 was not seen; is the light switched on, near and not connected to somebody "
-                  "else?")
+        return tr("%1 was not found. Is it switched on, in range, and not connected to another "
+                  "host?")
                 .arg(m_address);
     case Reason::TimedOut:
         return tr("%1 did not become ready in time.").arg(m_address);

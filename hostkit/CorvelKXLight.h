@@ -13,14 +13,14 @@ namespace CorvelKX {
 class Host;
 
 /*!
-    One light, as a host sees it: what it is, one state, and why it is not ready.
+    One light, with its state and the reason why it is not ready.
 
-    \b Thread. The thread of its Host; call it there only. Nothing blocks.
-    \b Ownership. Made and owned by its Host. It is deleted later than it is Gone, so that a slot may
-    still use it; do not keep the pointer after Host::lightRemoved().
-    \b Order. Host::load() comes first. No scan is needed: connectToDevice() looks for a light that
+    \b Thread. Lives on the thread of its Host; call it only there. Nothing blocks.
+    \b Ownership. Created and owned by its Host. Forgotten lights are deleted by deleteLater(), so
+    that slots may still use them; do not keep the pointer after Host::lightRemoved().
+    \b Order. Call Host::load() first. No scan is needed: connectToDevice() scans for a light that
     was not seen.
-    \b Failure. state() and reason() tell; reasonString() is a sentence for people.
+    \b Failure. state() and reason() tell; reasonString() is a sentence for users.
 */
 class Light : public QObject
 {
@@ -35,104 +35,103 @@ class Light : public QObject
                        keepConnectedChanged)
 
 public:
-    /*! Where a light is between unknown and ready. */
+    /*! The state of a light. */
     enum class State {
-        Unseen,        //!< has not been seen, and nobody asked for a connection
-        Seen,          //!< was seen, is not connected, and nobody asks for a connection
-        Connecting,    //!< is looked for, or an attempt to connect it is under way
-        Ready,         //!< is connected and takes messages
-        Waiting,       //!< is to be connected again: after a pause, or once it is seen
-        Disconnecting, //!< was asked to disconnect
-        Gone,          //!< was forgotten; this object goes, too
+        Unseen,        //!< not seen by a scan; no connection is requested
+        Seen,          //!< seen by a scan; no connection is requested
+        Connecting,    //!< being searched for, or being connected
+        Ready,         //!< connected and subscribed; takes payloads
+        Waiting,       //!< lost; will be connected again after a pause, or when a scan sees it
+        Disconnecting, //!< being disconnected
+        Gone,          //!< forgotten; this object is about to be deleted
     };
     Q_ENUM(State)
 
     /*! Why a light is not ready. */
     enum class Reason {
         None,            //!< nothing went wrong
-        NotSeen,         //!< a whole scan did not find it
-        TimedOut,        //!< an attempt to connect it took too long
-        LinkLost,        //!< the link ended, or could not be made
+        NotSeen,         //!< a complete scan did not find it
+        TimedOut,        //!< a connection attempt took too long
+        LinkLost,        //!< the link ended, or could not be established
         NoAnswer,        //!< it did not answer within Host::Times::answer
-        BluetoothFailed, //!< no scan is possible; Host::error() tells why
-        Requested,       //!< the host asked for it
+        BluetoothFailed, //!< scanning is impossible; Host::error() tells why
+        Requested,       //!< the host disconnected it
     };
     Q_ENUM(Reason)
 
-    /*! The address, which is the light's identity: six upper-case hexadecimal pairs with colons. */
+    /*! The address, which identifies the light: six upper-case hexadecimal pairs with colons. */
     QString address() const { return m_address; }
-    /*! The name to show; empty until the light is seen. */
+    /*! The name to display; empty until the light is seen. */
     QString name() const { return m_name; }
-    /*! One of 1, 2, 3, 5, 6, 7, 162, 163 and 1001; 0 until the light is seen. */
+    /*! The protocol type: 1, 2, 3, 5, 6, 7, 162, 163 or 1001; 0 until the light is seen. */
     int protocolType() const { return m_protocolType; }
 
-    /*! Where the light is now. */
+    /*! The current state. */
     State state() const { return m_state; }
-    /*! The state as a word for people. */
+    /*! The state as a word for users. */
     QString stateString() const;
     /*! Whether the state is Ready. */
     bool isReady() const { return m_state == State::Ready; }
-    /*! Why the light is not ready, or was last lost. None while it is ready. */
+    /*! Why the light is not ready; None while it is ready. */
     Reason reason() const { return m_reason; }
-    /*! The same as a sentence for people; empty for None. */
+    /*! The same as a sentence for users; empty for None. */
     QString reasonString() const;
 
     /*!
-        How long until the state changes at the latest, in milliseconds: the rest of the time limit
-        of an attempt, of a disconnection or of an answer, or of a pause; -1 where there is no limit.
+        The milliseconds until the state changes at the latest, because a pause or the limit of an
+        attempt, a disconnection or an answer is over; -1 if there is no such limit.
     */
     qint64 remainingTime() const;
 
-    /*! When the light was last seen in a scan; null if it was not. */
+    /*! When a scan last saw the light; invalid if none did. */
     QDateTime lastSeen() const { return m_lastSeen; }
-    /*! How often the light was seen. */
+    /*! How often scans reported the light. */
     quint64 seenCount() const { return m_seenCount; }
-    /*! How many payloads the light was sent. */
+    /*! The number of payloads sent to the light. */
     quint64 sentCount() const { return m_sentCount; }
-    /*! How many messages the light sent. */
+    /*! The number of messages received from the light. */
     quint64 receivedCount() const { return m_receivedCount; }
 
     /*!
-        Connects the light, once, within \a timeout. It is looked for where it was not seen lately,
-        and attempts are repeated until the time is over. Ready tells of success, Seen or Unseen of
-        failure; after an attempt that hangs, up to Host::Times::disconnection later.
-        Nothing happens where a connection is there or under way. It ends at once where no scan is
-        possible.
+        Connects the light once, within \a timeout: scans for it unless it was seen recently, and
+        repeats failed attempts until the time is over. Then the state is Ready, or Seen or Unseen
+        after a failure; if an attempt hangs, up to Host::Times::disconnection later. Fails at once
+        if scanning is impossible. Does nothing if the light is connected or being connected.
     */
     void connectToDevice(std::chrono::milliseconds timeout = std::chrono::seconds(30));
 
     /*!
-        Disconnects the light, or ends the attempts; keepConnected() becomes false. The state is
-        Disconnecting until the link is down, or until Host::Times::disconnection is over.
+        Disconnects the light or ends the attempts, and sets keepsConnected() to false. The state is
+        Disconnecting until the link is down, but no longer than Host::Times::disconnection.
     */
     void disconnectFromDevice();
 
     /*!
-        With \a keep, connects the light and brings it back whenever it is lost, with growing
-        pauses, until told otherwise. Without, it stays connected as long as the link lasts.
+        If \a keep is true, connects the light, and reconnects it whenever it is lost, with growing
+        pauses. If false, ends attempts; a light that is connected stays so until the link ends.
     */
     void setKeepConnected(bool keep);
-    /*! Whether the light is to be kept connected. */
+    /*! Whether the light is kept connected. */
     bool keepsConnected() const { return m_wish == Wish::Keep; }
 
     /*!
-        Writes \a data, unchanged. Returns false where the light is not ready; then nothing is
-        written. Payloads are written in the order of the calls. No answer comes by itself, and a
-        payload that the light refuses ends the link without a signal: Host::Times::answer tells.
+        Writes \a data, unchanged and in the order of the calls. Returns false, and writes nothing,
+        if the light is not ready. Nothing confirms the write. A refused payload ends the link
+        without a signal, which is noticed only if Host::Times::answer is set.
     */
     bool send(const QByteArray &data);
 
-    /*! Disconnects the light and removes it from its Host. A scan may find it again, as a new one. */
+    /*! Disconnects the light and removes it from its Host. A scan may add it again. */
     void forget();
 
 signals:
-    /*! The state changed to \a state, or the reason did. */
+    /*! The state, which is now \a state, or the reason changed. */
     void stateChanged(CorvelKX::Light::State state);
     /*! The light sent \a data in one notification; never empty, and in order. */
     void messageReceived(const QByteArray &data);
-    /*! A payload was handed on to be written; whether the light got it, nobody tells. */
+    /*! send() passed \a data to the plugin; whether the light received it is not known. */
     void sent(const QByteArray &data);
-    /*! The light was seen; emitted many times during a scan. */
+    /*! A scan reported the light; may be emitted many times. */
     void seen();
     /*! The name or the protocol type changed. */
     void nameChanged();
@@ -160,15 +159,15 @@ private:
     Phase m_phase = Phase::Idle;
     Wish m_wish = Wish::None;
     QDeadlineTimer m_deadline { QDeadlineTimer::Forever }; //!< of the phase
-    QDeadlineTimer m_giveUp { QDeadlineTimer::Forever };   //!< of the whole wish
-    QDeadlineTimer m_settled;    //!< when the attempt no longer holds up others
-    QDeadlineTimer m_freshUntil; //!< how long it can be connected without being seen again
+    QDeadlineTimer m_giveUp { QDeadlineTimer::Forever };   //!< of connectToDevice()
+    QDeadlineTimer m_settled;    //!< when the attempt no longer delays others
+    QDeadlineTimer m_freshUntil; //!< until when it can be connected without another scan
     QDeadlineTimer m_nextTry;    //!< the end of the pause
-    int m_failures = 0;          //!< in a row
-    int m_timeouts = 0;          //!< attempts in a row that took too long
+    int m_failures = 0;          //!< consecutive
+    int m_timeouts = 0;          //!< consecutive
     bool m_isForgotten = false;
     bool m_wasLost = false;    //!< the plugin may be reconnecting it by itself
-    bool m_joinedLate = false; //!< the scan had begun before the light was looked for
+    bool m_joinedLate = false; //!< the search for it began during a running scan
 };
 
 } // namespace CorvelKX

@@ -11,9 +11,9 @@ class Host;
 class Light;
 
 /*!
-    The lights of a Host as a table for item views: a row for each, in the order of Host::lights().
-    What changes quickly, the counts and the time of the last sighting, is updated at most twenty
-    times a second.
+    The lights of a Host as a table for item views: one row for each light, in the order of
+    Host::lights(). The counts and LastSeen, which change quickly, are updated at most twenty times
+    a second.
 
     \b Thread and \b ownership. As for any model; the Host must live longer.
     \b Failure. There is none.
@@ -23,7 +23,7 @@ class LightModel : public QAbstractTableModel
     Q_OBJECT
 
 public:
-    /*! What is shown of a light. */
+    /*! The columns. */
     enum Column {
         Name,
         ProtocolType,
@@ -34,16 +34,16 @@ public:
         SentCount,
         ReceivedCount
     };
-    /*! What data() tells beside texts. */
+    /*! Roles beside those of Qt. */
     enum Role {
-        LightRole = Qt::UserRole, //!< the Light itself
+        LightRole = Qt::UserRole, //!< the Light *
         SortRole                  //!< the value that a column is sorted by
     };
 
     /*! Shows the lights of \a host. */
     explicit LightModel(Host *host, QObject *parent = nullptr);
 
-    /*! The light in the row of \a index; null if there is none. */
+    /*! The light in the row of \a index, or null. */
     Light *light(const QModelIndex &index) const;
     /*! The index of \a light in \a column; invalid if it is not there. */
     QModelIndex indexOf(const Light *light, int column = 0) const;
@@ -66,7 +66,7 @@ private:
     QVariant value(const Light &light, int column) const;
 
     QList<Light *> m_lights;
-    QSet<Light *> m_changed; //!< to be told of when the timer runs out
+    QSet<Light *> m_changed; //!< to be updated when the timer times out
     QTimer m_timer;
 };
 

@@ -4,8 +4,9 @@ BLEManager::BLEManager(QObject *parent) : QObject(parent) { }
 
 BLEManager::~BLEManager()
 {
-    // Some platforms report the disconnection from inside the controller's destructor. Nobody may
-    // listen by then: a slot would change the maps and even start a reconnection.
+    // Some platforms report the disconnection from inside the controller's destructor. Disconnect
+    // all signals first, because a slot would change the maps during the loop and start a
+    // reconnection.
     const QObjectList all = children();
     for (QObject *child : all)
         child->disconnect(this);
@@ -21,7 +22,7 @@ void BLEManager::init()
                             { QStringLiteral("0000fff2"), QStringLiteral("0000fff1") });
     m_serviceUuidMap.insert(QStringLiteral("0000a002"),
                             { QStringLiteral("0000c304"), QStringLiteral("0000c305") });
-    // The one characteristic is both written and notified from.
+    // The same characteristic is written and notifies.
     m_authServiceUuidMap.insert(QStringLiteral("f000ffc0"),
                                 { QStringLiteral("f000ffc1"), QStringLiteral("f000ffc1") });
 

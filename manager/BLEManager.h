@@ -16,19 +16,19 @@
 #include <QString>
 
 /*!
-    The GATT central for any number of lights: scans, recognises, connects, binds, writes, reports
-    notifications and reconnects.
+    The GATT central for any number of lights: scans, recognises and connects lights, sets up their
+    services, writes payloads, reports notifications and reconnects.
 
-    \b Thread. Everything runs on the thread that the manager lives on; never call it directly from
-    another one. The plugin object queues its commands.
-    \b Ownership. Owns every Bluetooth object that it creates. Destroying it drops all links and
-    emits nothing. Service objects live as long as the manager, also those of lights that are gone.
-    \b Order. init() comes first, once; start() and stop() rely on it.
-    \b Failure. A failed precondition is written to the debug log, or is silent where that is said;
-    a failed scan becomes sigDeviceDiscoveredErrorOccurred(), a failed link or service leads to the
-    disconnect and reconnect path.
+    \b Thread. Everything runs on the manager's thread; never call it directly from another one. The
+    plugin object queues its commands.
+    \b Ownership. Owns all Bluetooth objects that it creates. Destroying it disconnects all lights
+    and emits nothing. Service objects live as long as the manager, even after their light is gone.
+    \b Order. Call init() first, once; start() and stop() depend on it.
+    \b Failure. A failed precondition is logged at debug level, or ignored where the documentation
+    says so. A failed scan emits sigDeviceDiscoveredErrorOccurred(); a failed link or service leads
+    to doDeviceDisconnected().
 
-    Every per-device table is keyed by the address text that sigDeviceDiscovered() announced.
+    The key of every per-device table is the address that sigDeviceDiscovered() reported.
 */
 class BLEManager : public QObject
 {
@@ -39,14 +39,14 @@ public:
     ~BLEManager() override;
 
     /*!
-        Fills the UUID tables and creates the scanner. Emits nothing. A second call leaves the first
-        scanner behind, idle and connected.
+        Fills the UUID tables and creates the discovery agent. Emits nothing. After a second call
+        the first agent still exists, unused but connected.
     */
     Q_INVOKABLE void init();
 
     /*!
-        Starts a low-energy scan of 20000 ms, anew if one is running; the end of it emits
-        sigDeviceDiscoveredFinished(), a failure sigDeviceDiscoveredErrorOccurred() before that.
+        Starts a Low Energy scan of 20000 ms; a running scan is restarted. Its end emits
+        sigDeviceDiscoveredFinished(), after sigDeviceDiscoveredErrorOccurred() if it failed.
     */
     Q_INVOKABLE void start();
 
@@ -54,40 +54,41 @@ public:
     Q_INVOKABLE void stop();
 
     /*!
-        Connects to the recognised light \a macAddr with a new controller; one that it already has
-        is released. sigDeviceConnected() follows once the light is bound. An unknown address is only
-        logged.
+        Connects to the recognised light \a macAddr with a new controller; an existing controller is
+        released. Emits sigDeviceConnected() once the characteristics are set up. An unknown address
+        is only logged.
     */
     Q_INVOKABLE void connectToDevice(const QString &macAddr);
 
     /*!
-        Asks the controller of \a macAddr, if any, to drop the link; sigDeviceDisconnected() follows
-        when it is down.
+        Asks the controller of \a macAddr, if any, to disconnect; sigDeviceDisconnected() follows
+        when the link is down.
     */
     Q_INVOKABLE void disconnectFromDevice(const QString &macAddr);
 
     /*!
-        Writes \a data, of any length and unchanged, to the bound characteristic of \a macAddr.
-        Emits nothing and does not wait; silent where the light is unknown, not yet bound or cannot
-        be written.
+        Writes \a data, of any length and unchanged, to the write characteristic of \a macAddr.
+        Emits nothing and does not wait. Does nothing, and logs nothing, if the light is unknown,
+        not ready or not writable.
     */
     Q_INVOKABLE void sendMessage(const QString &macAddr, const QByteArray &data);
 
     /*!
-        Writes \a data to the authentication characteristic of \a macAddr. Emits nothing; a light
-        without one is logged.
+        Writes \a data to the authentication characteristic of \a macAddr. Emits nothing. If the
+        light has none, only logs that.
     */
     Q_INVOKABLE void sendAuthMessage(const QString &macAddr, const QByteArray &data);
 
     /*!
-        Connects to \a macAddr again and returns \c true; only returns \c true while it is being
-        reconnected automatically. For an unknown light, starts a scan and returns \c false.
+        Connects to \a macAddr again and returns \c true. While the light is being reconnected
+        automatically, does nothing and returns \c true. For an unknown light, starts a scan and
+        returns \c false.
     */
     Q_INVOKABLE bool reconnectDevice(const QString &macAddr);
 
     /*!
-        Ends automatic reconnection of \a macAddr, drops its link and forgets it.
-        sigDeviceDisconnected() follows where there was a link.
+        Ends automatic reconnection of \a macAddr, disconnects the light and forgets it.
+        sigDeviceDisconnected() follows if it was connected.
     */
     Q_INVOKABLE void removeDevice(const QString &macAddr);
 
@@ -96,11 +97,11 @@ signals:
     void sigDeviceDiscovered(int protocolType, const QString &macAddr, const QString &devName);
     /*! The scan failed; sigDeviceDiscoveredFinished() follows at once. */
     void sigDeviceDiscoveredErrorOccurred(QBluetoothDeviceDiscoveryAgent::Error error);
-    /*! The scan ended by its time-out or by a failure. */
+    /*! The scan ended after its time, or failed. */
     void sigDeviceDiscoveredFinished();
-    /*! The light is bound and takes messages; a bare link does not emit this. */
+    /*! The light is subscribed to and takes payloads; a link alone does not emit this. */
     void sigDeviceConnected(const QString &macAddr);
-    /*! The link is gone; an automatic reconnection may begin right after. */
+    /*! The link is down; an automatic reconnection may begin right after. */
     void sigDeviceDisconnected(const QString &macAddr);
     /*! One notification of the light's main service, never empty. */
     void sigMessageReceived(const QString &macAddr, const QByteArray &data);
@@ -119,11 +120,11 @@ private slots:
     void slotServiceErrorOccurred(QLowEnergyService::ServiceError error);
 
 private:
-    /*! Returns the protocol type of \a devInfo, or -1 where it is not supported. */
+    /*! Returns the protocol type of \a devInfo, or -1 if it is not supported. */
     int supportedBleDevice(const QBluetoothDeviceInfo &devInfo);
     /*!
-        Forgets the link of \a macAddr, emits sigDeviceDisconnected() if \a notify, and reconnects
-        while an automatic episode has attempts left.
+        Releases the controller of \a macAddr and clears its tables, emits sigDeviceDisconnected()
+        if \a notify, and reconnects if an automatic reconnection is active and has attempts left.
     */
     void doDeviceDisconnected(const QString &macAddr, bool notify);
     void checkAndSendAuthMsg(const QString &macAddr);
@@ -135,16 +136,16 @@ private:
                              const QString &uuidText);
     void discoverAuthService(QLowEnergyController *controller, const QBluetoothUuid &gatt,
                              const QString &uuidText);
-    void bindAuthService(QLowEnergyService *service);
-    void bindAuthCharacteristic(QLowEnergyService *service, const QString &macAddr,
-                                const QString &devName);
-    enum class Bound { Nothing, Write, Notify };
-    void bindMainService(QLowEnergyService *service);
-    void bindMainCharacteristics(QLowEnergyService *service, const QString &macAddr,
+    void setUpAuthService(QLowEnergyService *service);
+    void setUpAuthCharacteristic(QLowEnergyService *service, const QString &macAddr,
                                  const QString &devName);
-    Bound bindMainCharacteristic(QLowEnergyService *service,
-                                 const QLowEnergyCharacteristic &characteristic,
-                                 const QString &macAddr, const QString &devName);
+    enum class SetUp { Nothing, Write, Notify };
+    void setUpMainService(QLowEnergyService *service);
+    void setUpMainCharacteristics(QLowEnergyService *service, const QString &macAddr,
+                                  const QString &devName);
+    SetUp setUpMainCharacteristic(QLowEnergyService *service,
+                                  const QLowEnergyCharacteristic &characteristic,
+                                  const QString &macAddr, const QString &devName);
 
     QBluetoothDeviceDiscoveryAgent *m_discoveryAgent = nullptr;
     QMap<QString, QBluetoothDeviceInfo> m_deviceInfoMap;

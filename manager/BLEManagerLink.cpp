@@ -8,7 +8,8 @@ namespace {
 
 constexpr int maximumReconnects = 3;
 
-// Each step of a connection waits for the Bluetooth service, and the thread has a second to end.
+// Each step of a connection blocks until bluetoothd answers, but the thread must end within a
+// second.
 bool isThreadEnding()
 {
     return QThread::currentThread()->isInterruptionRequested();
@@ -49,7 +50,7 @@ void BLEManager::connectToDevice(const QString &macAddr)
     connect(controller, &QLowEnergyController::discoveryFinished, this,
             [] { qCDebug(defaultLog) << "BLEManager::slotDiscoveryFinished"; });
 
-    // May fail, and so release the controller, before it returns.
+    // May fail synchronously, and then the controller is released before this returns.
     controller->connectToDevice();
 }
 
@@ -81,11 +82,11 @@ void BLEManager::slotDeviceDisconnected()
 void BLEManager::doDeviceDisconnected(const QString &macAddr, bool notify)
 {
     qCDebug(defaultLog) << "[BLEManager::doDeviceDisconnected]" << macAddr;
-    // The controller was released before: its device has another one by now, or none.
+    // A late signal of a controller that was released before.
     if (macAddr.isEmpty())
         return;
 
-    // Always later: this may run inside one of the controller's own signals.
+    // Not delete: this may run in a slot of the controller.
     if (QLowEnergyController *controller = m_controllerMap.take(macAddr))
         controller->deleteLater();
     m_serviceMap.remove(macAddr);
@@ -124,7 +125,7 @@ void BLEManager::slotControllerErrOccurred(QLowEnergyController::Error error)
             m_reconnectDevMap.insert(macAddr, 0);
         if (controller)
             controller->disconnectFromDevice();
-        // Without an adapter no disconnection is ever reported; else it leads to the clean-up.
+        // Without an adapter, disconnected() never follows, so clean up here.
         if (error == QLowEnergyController::InvalidBluetoothAdapterError)
             doDeviceDisconnected(macAddr, true);
         break;

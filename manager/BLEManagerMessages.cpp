@@ -8,7 +8,7 @@
 
 namespace {
 
-// Returns false where the characteristic takes no writes at all.
+// Returns false if the characteristic is not writable.
 bool write(QLowEnergyService *service, const QLowEnergyCharacteristic &characteristic,
            const QByteArray &data)
 {
@@ -19,8 +19,8 @@ bool write(QLowEnergyService *service, const QLowEnergyCharacteristic &character
     return true;
 }
 
-// As QDebug writes it, part by part and quoted, for a third of the work: every notification of
-// every light takes this line.
+// Builds the line exactly as QDebug's operators would, at a third of their cost, because every
+// notification logs it.
 QString receivedLine(const QByteArray &value, const QString &macAddr, const QBluetoothUuid &uuid)
 {
     return QLatin1String("Received data: \"") % QLatin1String(value.toHex())
@@ -32,7 +32,7 @@ QString receivedLine(const QByteArray &value, const QString &macAddr, const QBlu
 
 void BLEManager::sendMessage(const QString &macAddr, const QByteArray &data)
 {
-    // Silent on purpose: hosts send to lights that are just going or not ready yet.
+    // Logs nothing on purpose: hosts commonly send to lights that are not ready or disconnecting.
     if (!m_serviceMap.contains(macAddr) || !m_characteristicsMap.contains(macAddr))
         return;
     QLowEnergyService *service = m_serviceMap.value(macAddr);
@@ -40,7 +40,7 @@ void BLEManager::sendMessage(const QString &macAddr, const QByteArray &data)
         qCDebug(defaultLog) << "[BLEManager::sendMessage] service empty. mac address:" << macAddr;
         return;
     }
-    // A copy: a write can fail at once, and the clean-up then empties the tables.
+    // A copy, because a write can fail synchronously, and the clean-up then clears the tables.
     const QLowEnergyCharacteristic characteristic = m_characteristicsMap.value(macAddr);
     if (!characteristic.isValid()) {
         qCDebug(defaultLog) << "[BLEManager::sendMessage] characteristic faild. mac address:"

@@ -68,7 +68,7 @@ void BLEManager::slotDeviceDiscovered(const QBluetoothDeviceInfo &devInfo)
         return;
     }
 
-    // The first sighting stays: a light that is being used must not change under its host.
+    // Keep the first discovery: the data of a light must not change while it is in use.
     if (!m_deviceInfoMap.contains(macAddr))
         m_deviceInfoMap.insert(macAddr, devInfo);
     if (!m_devProtocolTypeHash.contains(macAddr))

@@ -10,7 +10,7 @@
 
 namespace {
 
-// The places in a row of the UUID tables.
+// Indexes into a row of the UUID tables.
 enum { WriteUuid, NotifyUuid };
 
 bool hasPrefix(const QString &uuidText, const QString &shortUuid)
@@ -123,12 +123,12 @@ void BLEManager::slotServiceStateChanged(QLowEnergyService::ServiceState state)
     if (state != QLowEnergyService::RemoteServiceDiscovered)
         return;
 
-    // Every service goes through both parts; each says so in the log where it is none of its own.
-    bindAuthService(service);
-    bindMainService(service);
+    // Every service is passed to both; the one that does not know it logs "not found service".
+    setUpAuthService(service);
+    setUpMainService(service);
 }
 
-void BLEManager::bindAuthService(QLowEnergyService *service)
+void BLEManager::setUpAuthService(QLowEnergyService *service)
 {
     const auto found = addressOf(m_authServiceMap, service);
     if (!found) {
@@ -143,7 +143,7 @@ void BLEManager::bindAuthService(QLowEnergyService *service)
     if (m_authCharacteristicsMap.contains(macAddr))
         return;
 
-    bindAuthCharacteristic(service, macAddr, devName);
+    setUpAuthCharacteristic(service, macAddr, devName);
     if (!m_authCharacteristicsMap.contains(macAddr)) {
         qCDebug(defaultLog) << "[BLEManager::serviceStateChanged][Auth]  m_authCharacteristicsMap "
                                "not found. mac addr:"
@@ -151,8 +151,8 @@ void BLEManager::bindAuthService(QLowEnergyService *service)
     }
 }
 
-void BLEManager::bindAuthCharacteristic(QLowEnergyService *service, const QString &macAddr,
-                                        const QString &devName)
+void BLEManager::setUpAuthCharacteristic(QLowEnergyService *service, const QString &macAddr,
+                                         const QString &devName)
 {
     const QList<QLowEnergyCharacteristic> characteristics = service->characteristics();
     for (const QLowEnergyCharacteristic &characteristic : characteristics) {
@@ -180,7 +180,7 @@ void BLEManager::bindAuthCharacteristic(QLowEnergyService *service, const QStrin
     }
 }
 
-void BLEManager::bindMainService(QLowEnergyService *service)
+void BLEManager::setUpMainService(QLowEnergyService *service)
 {
     const auto found = addressOf(m_serviceMap, service);
     if (!found) {
@@ -197,7 +197,7 @@ void BLEManager::bindMainService(QLowEnergyService *service)
                         << m_characteristicsMap.contains(macAddr);
     m_characteristicsMap.remove(macAddr);
 
-    bindMainCharacteristics(service, macAddr, devName);
+    setUpMainCharacteristics(service, macAddr, devName);
     if (!m_characteristicsMap.contains(macAddr)) {
         qCDebug(defaultLog) << "[BLEManager::serviceStateChanged] m_characteristicsMap not found. "
                                "mac addr:"
@@ -205,8 +205,8 @@ void BLEManager::bindMainService(QLowEnergyService *service)
     }
 }
 
-void BLEManager::bindMainCharacteristics(QLowEnergyService *service, const QString &macAddr,
-                                         const QString &devName)
+void BLEManager::setUpMainCharacteristics(QLowEnergyService *service, const QString &macAddr,
+                                          const QString &devName)
 {
     bool writeBound = false;
     bool notifyEnabled = false;
@@ -216,9 +216,9 @@ void BLEManager::bindMainCharacteristics(QLowEnergyService *service, const QStri
                             << characteristic.uuid().toString(QUuid::WithBraces)
                             << ", valid: " << characteristic.isValid();
         if (characteristic.isValid()) {
-            const Bound bound = bindMainCharacteristic(service, characteristic, macAddr, devName);
-            writeBound = writeBound || bound == Bound::Write;
-            notifyEnabled = notifyEnabled || bound == Bound::Notify;
+            const SetUp done = setUpMainCharacteristic(service, characteristic, macAddr, devName);
+            writeBound = writeBound || done == SetUp::Write;
+            notifyEnabled = notifyEnabled || done == SetUp::Notify;
         }
         if (writeBound && notifyEnabled) {
             emit sigDeviceConnected(macAddr);
@@ -227,9 +227,9 @@ void BLEManager::bindMainCharacteristics(QLowEnergyService *service, const QStri
     }
 }
 
-BLEManager::Bound BLEManager::bindMainCharacteristic(QLowEnergyService *service,
-                                                     const QLowEnergyCharacteristic &characteristic,
-                                                     const QString &macAddr, const QString &devName)
+BLEManager::SetUp BLEManager::setUpMainCharacteristic(
+        QLowEnergyService *service, const QLowEnergyCharacteristic &characteristic,
+        const QString &macAddr, const QString &devName)
 {
     const QString uuidText = characteristic.uuid().toString(QUuid::WithoutBraces);
     for (const QList<QString> &row : std::as_const(m_serviceUuidMap)) {
@@ -241,7 +241,7 @@ BLEManager::Bound BLEManager::bindMainCharacteristic(QLowEnergyService *service,
             if (!m_characteristicsMap.contains(macAddr)) {
                 m_characteristicsMap.insert(macAddr, characteristic);
                 m_reconnectDevMap.remove(macAddr);
-                return Bound::Write;
+                return SetUp::Write;
             }
         }
         if (hasPrefix(uuidText, row.at(NotifyUuid))) {
@@ -253,10 +253,10 @@ BLEManager::Bound BLEManager::bindMainCharacteristic(QLowEnergyService *service,
             const QLowEnergyDescriptor descriptor = characteristic
                                                             .clientCharacteristicConfiguration();
             if (!descriptor.isValid())
-                return Bound::Nothing;
+                return SetUp::Nothing;
             service->writeDescriptor(descriptor, QByteArray::fromHex("0100"));
-            return Bound::Notify;
+            return SetUp::Notify;
         }
     }
-    return Bound::Nothing;
+    return SetUp::Nothing;
 }

@@ -4,8 +4,8 @@
 #include <QLoggingCategory>
 
 /*!
-    The default category, for qCDebug(): the same lines under the same category as qDebug() writes,
-    but nothing is formatted while the host has the category's debug output switched off.
+    The default category, for qCDebug(). The output equals that of qDebug(), but nothing is
+    formatted while the host has switched off the category's debug output.
 */
 inline const QLoggingCategory &defaultLog()
 {

@@ -1,6 +1,6 @@
 #pragma once
 
-/*! The kinds of light, as their advertisements tell them. There is no type 4. */
+/*! The protocol types of lights, as found in their advertisements. Type 4 is not supported. */
 enum eDevProtocolType : int {
     DevProtocol1 = 1,
     DevProtocol2 = 2,

@@ -5,27 +5,27 @@
 #include <QString>
 
 /*!
-    What an advertisement means. Pure functions of the manufacturer data's values, which any device
-    nearby can fill with anything; they may be called on any thread.
+    Interprets advertisements. Pure functions of the manufacturer data, which may contain anything,
+    since any device nearby can send it. They may be called on any thread.
 */
 namespace Recognition {
 
-/*! The address that a platform reports in place of one that it hides. */
+/*! What a platform that hides addresses reports instead. */
 inline constexpr QLatin1String hiddenAddress("00:00:00:00:00:00");
 
 /*!
-    Returns the protocol type (an eDevProtocolType) that the last matching value of
-    \a manufacturerValues stands for, or -1 where none matches.
+    Returns the protocol type (an eDevProtocolType) of the last matching value in
+    \a manufacturerValues, or -1 if none matches.
 */
 int protocolType(const QList<QByteArray> &manufacturerValues);
 
 /*!
-    Returns the address that ends the first of \a manufacturerValues with room for one, or
-    hiddenAddress. Lights of the types 162 and 163 send theirs in reverse.
+    Returns the address at the end of the first value in \a manufacturerValues that has at least six
+    bytes, or hiddenAddress if there is none. Lights of types 162 and 163 send it reversed.
 */
 QString derivedAddress(const QList<QByteArray> &manufacturerValues, int protocolType);
 
-/*! Returns the name to show for a light that advertises itself as \a advertisedName. */
+/*! Returns the name to display for a light that advertises \a advertisedName. */
 QString displayName(int protocolType, const QString &macAddr, const QString &advertisedName);
 
 } // namespace Recognition

@@ -6,8 +6,8 @@
 #include <optional>
 
 /*!
-    Returns how a characteristic with \a properties is written: without response wherever it offers
-    that, with response otherwise; nothing where it cannot be written.
+    Returns the write mode for a characteristic with \a properties: without response if it supports
+    that, otherwise with response; std::nullopt if it is not writable.
 */
 inline std::optional<QLowEnergyService::WriteMode> writeModeFor(
         QLowEnergyCharacteristic::PropertyTypes properties)

@@ -83,7 +83,7 @@ QList<Light *> connectLights(MainWindow *window, qsizetype count)
 {
     Host *host = window->host();
     window->show();
-    const auto wanted = order("lights").filter(u"C0:FF"_s).size(); // the others are foreign
+    const auto wanted = command("lights").filter(u"C0:FF"_s).size(); // the others are foreign
     require(waitFor([=] { return host->lights().size() == wanted; }), "Not all lights were seen.");
     QList<Light *> lights = host->lights();
     if (count > 0)
@@ -116,7 +116,7 @@ int measure(MainWindow *window, int seconds, int rate)
     const int each = rate / int(lights.size());
     const auto total = quint64(each) * quint64(seconds) * quint64(lights.size());
     for (const Light *light : lights)
-        order("burst", { light->address(), each * seconds, 20, each });
+        command("burst", { light->address(), each * seconds, 20, each });
     const Heartbeat heartbeat;
     QElapsedTimer clock;
     clock.start();
@@ -149,7 +149,7 @@ int draw(MainWindow *window, int seconds, const QString &fileName)
     auto *lights = window->findChild<QTableView *>(u"lights"_s);
     const auto ready = connectLights(window, 6);
     ready.at(1)->setKeepConnected(true);
-    order("drop", { ready.at(5)->address() });
+    command("drop", { ready.at(5)->address() });
     lights->selectRow(0);
     window->findChild<QLineEdit *>(u"payload"_s)->setText(u"01 02 FF"_s);
     window->findChild<QCheckBox *>(u"repeat"_s)->click();
@@ -158,7 +158,7 @@ int draw(MainWindow *window, int seconds, const QString &fileName)
     for (int second = 0; second < seconds; ++second) {
         for (int i = 0; i < 4; ++i) {
             const int count = qRound(8 + 7 * qSin(second / (3.0 + i))) * (i + 1);
-            order("burst", { ready.at(i)->address(), count, 8, count });
+            command("burst", { ready.at(i)->address(), count, 8, count });
         }
         QElapsedTimer clock;
         clock.start();

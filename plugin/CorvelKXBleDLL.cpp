@@ -13,7 +13,8 @@
 
 namespace {
 
-// The objects whose thread is running. Host code may make and delete them on any thread.
+// All objects with a running thread. The mutex is needed because hosts may create and delete them
+// on any thread.
 struct Running
 {
     QMutex mutex;
@@ -30,8 +31,9 @@ constexpr int endLimit = 10000;
 
 } // namespace
 
-// Where a host forgets to delete the object, Qt does so when the process ends, and then it is too
-// late: D-Bus has ended with the application, and the thread may wait for it for ever.
+// Called when the QCoreApplication is destroyed. If the host does not delete the object, Qt's
+// plugin loader does so among the static destructors. By then Qt D-Bus has ended, and the worker
+// thread may wait for a reply for ever.
 void CorvelKXBleDLL::endThreads()
 {
     const QMutexLocker locker(&running().mutex);
@@ -78,13 +80,13 @@ CorvelKXBleDLL::CorvelKXBleDLL()
 CorvelKXBleDLL::~CorvelKXBleDLL()
 {
     {
-        // The library may be unloaded once the last object is gone.
+        // After the last object is deleted, the library may be unloaded.
         const QMutexLocker locker(&running().mutex);
         if (running().objects.removeOne(this) && running().objects.isEmpty())
             qRemovePostRoutine(endThreads);
     }
     if (m_bleThread) {
-        m_bleThread->requestInterruption(); // connections that wait in its queue are not begun
+        m_bleThread->requestInterruption(); // do not begin connections that are still queued
         m_bleThread->quit();
         m_bleThread->wait(QDeadlineTimer(1000));
         delete m_bleThread;
@@ -185,9 +187,9 @@ void CorvelKXBleDLL::slotDeviceDisconnected(const QString &devAddr)
 
 void CorvelKXBleDLL::slotMessageReceived(const QString &devAddr, const QByteArray &data)
 {
-    // Every notification of every light passes here: no log line.
+    // No log line: every notification of every light passes here.
     emit sigMessageReceived(devAddr, data);
 }
 
-// The interface is a header alone; its meta-object code has to come in somewhere.
+// The interface is only a header, so its meta-object code is compiled here.
 #include "moc_CorvelKXBleInterface.cpp" // NOLINT(bugprone-suspicious-include)

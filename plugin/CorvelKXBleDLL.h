@@ -6,17 +6,17 @@ class BLEManager;
 class QThread;
 
 /*!
-    The plugin object: a façade that hands each command to a BLEManager on a worker thread and each
-    of the manager's signals to the host.
+    The plugin object: forwards each command to a BLEManager on a worker thread, and each of the
+    manager's signals to the host.
 
-    \b Thread. Lives on the thread that creates it; so do its slots.
-    \b Ownership. Owned by the host or Qt's plugin loader. Owns the worker thread; the manager dies
-    with that thread.
-    \b Order. The constructor starts the thread and queues the manager's init() before anything
-    that the host can send.
-    \b Failure. None is reported here. Where the thread does not end within 1000 ms, because the
-    Bluetooth service does not answer it, the destructor deletes the running QThread, and Qt ends the
-    process. An object that still lives when the application ends has its thread ended by then.
+    \b Thread. Lives on the thread that creates it; its slots run there.
+    \b Ownership. Owned by the host or Qt's plugin loader. Owns the worker thread; the manager is
+    deleted when that thread finishes.
+    \b Order. The constructor starts the thread and queues the manager's init(), so that it runs
+    before any command of the host.
+    \b Failure. Reports none. If the thread does not finish within 1000 ms, because bluetoothd does
+    not answer, the destructor deletes the running QThread, and Qt ends the process. If the object
+    still exists when the application ends, its thread is ended then.
 */
 class CorvelKXBleDLL : public CorvelKXBleInterface
 {
@@ -37,7 +37,7 @@ public:
     void removeDevice(const QString &devAddr) override;
 
 public slots:
-    // Each logs one line, messages excepted, and emits the interface signal of the same meaning.
+    // Each emits the corresponding signal of the interface, and logs a line except for messages.
     void slotDeviceDiscovered(int protocolType, const QString &devAddr, const QString &devName);
     void slotDeviceDiscoveredErrorOccurred(QBluetoothDeviceDiscoveryAgent::Error error);
     void slotDeviceDiscvoeredFinished();

@@ -8,34 +8,34 @@
 #define CORVELKX_BLE_INTERFACE_IID "org.example.CorvelKXBleInterface"
 
 /*!
-    The whole contract between a host application and the plugin.
+    The complete interface between a host application and the plugin.
 
-    Get the object with QPluginLoader::instance() and qobject_cast<CorvelKXBleInterface *>(), connect
-    to the signals, then call the commands. This header and Qt are all that a host needs to compile.
-    The library CorvelKX::Host does for a host what this interface leaves to it.
+    Get the object with QPluginLoader::instance() and qobject_cast<CorvelKXBleInterface *>(),
+    connect to its signals, then call its commands. A host needs only this header and Qt to compile.
+    The library CorvelKX::Host adds time-outs, reconnections and more.
 
-    \b Thread. The object lives on the thread that first asked the loader for it; call the commands
-    on that thread. Each one is queued to a worker thread and returns at once; they are carried out
-    one at a time, in the order of the calls. Signals are emitted on the object's own thread, from
-    its event loop and never from inside a command; any command may be called from a connected slot.
+    \b Thread. The object lives on the thread that first called QPluginLoader::instance(); call the
+    commands on that thread. Each command is queued to a worker thread and returns at once; the
+    worker thread runs them one at a time, in the order of the calls. Signals are emitted on the
+    object's own thread, from its event loop, never inside a command. Slots may call any command.
 
-    \b Ownership. The loader owns it, or whoever deletes it first. Deleting it disconnects every
-    light and emits nothing. The destructor waits for the worker thread, for at most 1000 ms; where
-    the thread is still waiting for the Bluetooth service by then, Qt ends the process with
-    "QThread: Destroyed while thread is still running". An object that still lives when the
-    QCoreApplication is destroyed disconnects every light then, and does nothing more.
+    \b Ownership. The plugin loader owns the object, unless the host deletes it first. Deleting it
+    disconnects every light and emits nothing. The destructor waits for the worker thread for at
+    most 1000 ms. If that thread is still waiting for bluetoothd then, Qt ends the process with
+    "QThread: Destroyed while thread is still running". If the object still exists when the
+    QCoreApplication is destroyed, all lights are disconnected then.
 
-    \b Order. Nothing has to be called before start(). A light can be connected once
-    sigDeviceDiscovered() reported it; sendMessage() reaches it once sigDeviceConnected() came.
+    \b Order. Nothing has to be called before start(). A light can be connected after
+    sigDeviceDiscovered(), and can be sent payloads after sigDeviceConnected().
 
-    \b Failure. No command reports one. A scan that fails emits sigDeviceDiscoveredErrorOccurred().
-    A light that is lost emits sigDeviceDisconnected(). A connection attempt has no time-out and may
-    end without a signal. A payload for a light that is not ready is dropped without a signal; one
-    that the light refuses makes the plugin drop the link, without a signal too. Use a time-out for
+    \b Failure. Commands report no errors. A failed scan emits sigDeviceDiscoveredErrorOccurred(). A
+    lost light emits sigDeviceDisconnected(). A connection attempt has no time-out and may fail
+    without a signal. A payload for a light that is not ready is dropped without a signal. If the
+    light refuses a payload, the plugin ends the link, also without a signal. Use a time-out for
     every operation.
 
-    A light is named everywhere by \c devAddr, the text that sigDeviceDiscovered() gave: six
-    upper-case hexadecimal pairs separated by colons. Any other text names no light.
+    \c devAddr always identifies a light. It is the address from sigDeviceDiscovered(): six
+    upper-case hexadecimal pairs separated by colons. Any other text identifies no light.
 */
 class CorvelKXBleInterface : public QObject
 {
@@ -46,84 +46,85 @@ public:
     ~CorvelKXBleInterface() override = default;
 
     /*!
-        Prepares the Bluetooth side. The plugin object does this once when it is created; a host
-        does not call it. A second call creates a second, idle scanner. Emits nothing.
+        Initialises Bluetooth. The plugin object does this when it is created; hosts need not call
+        it. A second call creates a second discovery agent, which then serves start() and stop().
+        Emits nothing.
     */
     virtual void bleInit() = 0;
 
     /*!
-        Starts a low-energy scan that ends by itself after 20000 ms; a running scan is stopped and
-        begun anew, without a signal for the stop. Emits sigDeviceDiscovered() for every
-        advertisement of a supported light, then sigDeviceDiscoveredFinished(), preceded by
-        sigDeviceDiscoveredErrorOccurred() where the scan failed (no adapter, adapter off, no
-        permission).
+        Starts a Low Energy scan that ends after 20000 ms; a running scan is restarted. Emits
+        sigDeviceDiscovered() for every advertisement of a supported light, then
+        sigDeviceDiscoveredFinished(). If the scan fails (no adapter, adapter off, no permission),
+        emits sigDeviceDiscoveredErrorOccurred() before sigDeviceDiscoveredFinished().
     */
     virtual void start() = 0;
 
     /*!
         Stops the scan. Emits nothing, not even sigDeviceDiscoveredFinished(). Stop a scan before
-        connecting: an adapter that scans takes far longer to connect.
+        connecting: a scanning adapter takes far longer to connect.
     */
     virtual void stop() = 0;
 
     /*!
-        Writes \a data, unchanged, to the light \a devAddr; without response where the light offers
-        that, with response otherwise. Payloads for one light are written in the order of the calls.
-        Emits nothing; nothing happens where the light is not ready.
+        Writes \a data, unchanged, to the light \a devAddr: without response if the light supports
+        that, otherwise with response. Payloads for one light are written in the order of the calls.
+        Emits nothing. Does nothing if the light is not ready.
     */
     virtual void sendMessage(const QString &devAddr, const QByteArray &data) = 0;
 
     /*!
-        Connects to the announced light \a devAddr, finds its services and switches its
-        notifications on; then emits sigDeviceConnected(). For an address that was never announced,
-        or was removed, nothing happens. A light that is connected already loses its link and is
-        connected anew: do not ask twice. Has no time-out.
+        Connects to the discovered light \a devAddr, discovers its services, subscribes to its
+        notifications and emits sigDeviceConnected(). Does nothing if the address was never
+        discovered, or was removed. If the light is already connected, its link ends and a new one
+        is made; so do not connect twice. Has no time-out.
     */
     virtual void connectToDevice(const QString &devAddr) = 0;
 
     /*!
-        Connects to \a devAddr again, as connectToDevice() does. Does nothing while the plugin is
-        reconnecting the light by itself; starts a scan where the light is unknown. Always returns
-        \c true, which says nothing about the outcome.
+        Connects to \a devAddr again, like connectToDevice(). Does nothing while the plugin is
+        reconnecting the light by itself; starts a scan if the light is unknown. Always returns
+        \c true, which says nothing about success.
     */
     virtual bool reconnectDevice(const QString &devAddr) = 0;
 
     /*!
-        Drops the link to \a devAddr, if there is one, and forgets the light: it can be connected
-        again only after a scan has announced it anew. Emits sigDeviceDisconnected() once the link
-        is down, where the light was connected.
+        Disconnects the light \a devAddr and forgets it: it can be connected again only after a scan
+        has discovered it again. If it was connected, emits sigDeviceDisconnected() once the link is
+        down.
     */
     virtual void removeDevice(const QString &devAddr) = 0;
 
 signals:
     /*!
-        A supported light advertised. Emitted for every advertisement, so many times for one light,
-        connected or not.
+        A supported light advertised. Emitted for every advertisement that the platform reports, so
+        usually many times for one light, connected or not.
 
-        \a protocolType is one of 1, 2, 3, 5, 6, 7, 162, 163 and 1001, \a devAddr the light's
-        address and \a devName the name to show.
+        \a protocolType is 1, 2, 3, 5, 6, 7, 162, 163 or 1001, \a devAddr the light's address, and
+        \a devName the name to display.
     */
     void sigDeviceDiscovered(int protocolType, const QString &devAddr, const QString &devName);
 
     /*!
-        The scan failed with \a error: InputOutputError where there is no adapter,
-        PoweredOffError where it is switched off. sigDeviceDiscoveredFinished() follows.
+        The scan failed with \a error, on Linux for example InputOutputError if there is no adapter,
+        or PoweredOffError if it is switched off. sigDeviceDiscoveredFinished() follows.
     */
     void sigDeviceDiscoveredErrorOccurred(QBluetoothDeviceDiscoveryAgent::Error error);
 
-    /*! The scan ended: its 20000 ms ran out, or it failed. */
+    /*! The scan ended after 20000 ms, or failed. */
     void sigDeviceDiscoveredFinished();
 
     /*!
-        The light \a devAddr is connected and takes messages. Comes again after each reconnection.
+        The light \a devAddr is ready: connected and subscribed to. Emitted after each reconnection
+        too.
     */
     void sigDeviceConnected(const QString &devAddr);
 
     /*!
-        The light \a devAddr was disconnected: by the light, because it is out of range, or by
-        removeDevice(). Also emitted for each attempt to connect that failed because there is no
-        adapter. The plugin may be reconnecting the light, in at most three attempts in a row;
-        sigDeviceConnected() tells of success.
+        The light \a devAddr was disconnected: by itself, because it is out of range, or by
+        removeDevice(). Also emitted for each connection attempt, of the host or of the plugin, that
+        failed because there is no adapter. The plugin may be reconnecting the light, in up to three
+        consecutive attempts; sigDeviceConnected() then reports success.
     */
     void sigDeviceDisconnected(const QString &devAddr);
 

@@ -1,6 +1,6 @@
 #!/bin/bash
-# Measures the plugin beside Qt Bluetooth alone, in turn, in the virtual machine. Prints result lines as scenarios.sh
-# does, and lines that begin with "measured".
+# Measures Qt Bluetooth alone and the plugin alternately, in the virtual machine. Prints result lines like scenarios.sh,
+# and lines that begin with "measured".
 here=$(realpath "${BASH_SOURCE%/*}")
 . "$here/real.sh"
 readonly rounds=10
@@ -26,7 +26,7 @@ for what in "from start() until the light is ready" "five payloads and their ans
     column=$((column + 1))
     bare=$(median /tmp/bare.times $column) plugin=$(median /tmp/plugin.times $column)
     printf 'measured\t%s\t%s\t%s\t%s\n' "$what" "$plugin" "$bare" "$(echo "$plugin $bare" | awk '{ printf "%.3f", $1 / $2 }')"
-    [ $((plugin * 100)) -le $((bare * most)) ] && outcome=passed || outcome="$plugin ms beside $bare ms"
+    [ $((plugin * 100)) -le $((bare * most)) ] && outcome=passed || outcome="$plugin ms instead of $bare ms"
     printf 'result\tmeasured: %s\treal\t%s\t\n' "$what" "$outcome"
 done
 kill %1

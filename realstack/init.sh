@@ -1,6 +1,6 @@
 #!/bin/bash
-# The first process of the virtual machine: brings up a bus, controllers without a radio and bluetoothd, runs
-# the scenarios, and switches the machine off. Logs go to the second serial port.
+# The init process of the virtual machine: starts the system bus, simulated controllers and bluetoothd, runs the
+# scenarios, and switches the machine off. Logs go to the second serial port.
 export PATH=/bin:/busybox LC_ALL=C.UTF-8 HOME=/tmp
 /bin/busybox mkdir /busybox
 /bin/busybox --install -s /busybox
@@ -22,7 +22,7 @@ ifconfig lo 127.0.0.1
 dbus-daemon --system --nopidfile --fork
 mkfifo /run/air
 sleep infinity >/run/air &
-# The host's adapter comes first; the others play the lights in lights.json.
+# The first adapter is the host's; the others play the lights of lights.json.
 corvelkx-air 02:00:00:00:00:01 C0:FF:EE:00:00:03 C0:FF:EE:00:00:05 D0:0D:00:00:00:04 \
     </run/air >/tmp/air.log 2>&1 &
 dbus-monitor --system --profile type=error "interface='org.bluez.Device1'" "interface='org.bluez.Adapter1'" \

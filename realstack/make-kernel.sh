@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# realstack/make-kernel.sh PACKAGE DIRECTORY: puts Debian's kernel, and the modules that Bluetooth needs, into
-# DIRECTORY: the files "kernel" and "modules.cpio".
+# realstack/make-kernel.sh PACKAGE DIRECTORY: unpacks Debian's kernel and the modules that Bluetooth needs; writes
+# DIRECTORY/kernel and DIRECTORY/modules.cpio.
 set -euo pipefail
 package=$1 directory=$2
 work=$(mktemp -d)
@@ -11,7 +11,7 @@ version=${package#linux-image-}
 [ -e "$work/lib" ] || ln -s usr/lib "$work/lib" # from Debian 13 on
 depmod -b "$work" "$version"
 
-# drbg before ecdh_generic, else the kernel has no security manager and powers no Low Energy controller.
+# drbg before ecdh_generic: otherwise the kernel's security manager fails, and Low Energy controllers stay off.
 mkdir -p "$work/root/modules"
 for module in drbg hmac sha512_generic ecdh_generic algif_hash algif_skcipher cmac ecb ctr aes_generic \
     bluetooth hci_vhci uhid; do
@@ -23,7 +23,7 @@ done
 xz --decompress --force "$work"/root/modules/*.xz 2>/dev/null && sed -i 's/\.xz$//' "$work/root/modules/list"
 
 mkdir -p "$directory"
-# Without its own decompressor the kernel boots four seconds sooner. Debian 12 packs it with xz.
+# An uncompressed kernel boots four seconds faster in the emulator. Debian 12 packs it with xz.
 packed=$work/boot/vmlinuz-$version
 offset=$(LC_ALL=C grep -obUaP '\xFD7zXZ\x00' "$packed" | head -n 1 | cut -d : -f 1) &&
     tail -c "+$((offset + 1))" "$packed" | xz --decompress --single-stream >"$directory/kernel" 2>/dev/null || true

@@ -1,5 +1,6 @@
 #!/bin/bash
-# What corvelkx-lights --air says and leaves, in the virtual machine. Prints result lines as scenarios.sh does.
+# Tests the messages of corvelkx-lights --air, and that it leaves nothing behind, in the virtual machine. Prints result
+# lines like scenarios.sh.
 here=$(realpath "${BASH_SOURCE%/*}")
 . "$here/real.sh"
 readonly light=C0:FF:EE:00:00:03
@@ -7,7 +8,7 @@ readonly nobody=(setpriv --reuid 65534 --regid 65534 --clear-groups)
 as=()
 
 result() { printf 'result\t%s\treal\t%s\t\n' "$1" "$2"; }
-# refuses SENTENCE STATUS WORD...: the words, handed to corvelkx-lights, are refused with that sentence.
+# refuses SENTENCE STATUS WORD...: checks that corvelkx-lights WORD... ends with that sentence and exit status.
 refuses() {
     local said status
     said=$("${as[@]}" timeout 60 corvelkx-lights "${@:3}" 2>&1 >/dev/null)
@@ -19,7 +20,7 @@ refuses() {
         result "says: ${1//\*/...}" "status $status: $said"
     fi
 }
-# What can be seen of hci1 from outside.
+# Everything that bluetoothd tells about hci1.
 all_traces() {
     local interface
     for interface in Adapter1 LEAdvertisingManager1; do
@@ -27,10 +28,10 @@ all_traces() {
     done | grep -v "^method return"
 }
 traces() { all_traces; }
-# leaves_nothing TITLE: whether that is as it was.
+# leaves_nothing TITLE: checks that this is the same as at the beginning.
 leaves_nothing() {
     local now
-    sleep 3 # a link takes two to end
+    sleep 3 # bluetoothd needs two seconds to end a link
     now=$(traces)
     [ "$now" = "$before" ] && result "$1" passed || result "$1" "$(diff <(echo "$before") <(echo "$now") | paste -s -d ' ')"
 }
@@ -45,8 +46,8 @@ refuses "hci1 cannot be played: its advertisement does not fit: 25 bytes *" 1 \
 refuses "hci1 cannot be played: its advertisement does not fit: a name of 30 bytes*" 1 \
     --air --adapter hci1 --light "type=3,name=$(printf 'n%.0s' {1..30})" -- true
 refuses "hci1 cannot be played: bluetoothd adds *" 1 --air --adapter hci1 --light type=3,omit=00002902 -- true
-refuses 'There is no order "adapter" for lights on the air.' 1 --air --adapter hci1 -- corvelkx-lights ctl adapter off
-refuses 'Nothing was changed: on the air a link is *' 1 \
+refuses '"adapter" does not work for lights on a real adapter.' 1 --air --adapter hci1 -- corvelkx-lights ctl adapter off
+refuses 'Nothing was changed: on a real adapter *' 1 \
     --air --adapter hci1 -- corvelkx-lights ctl set $light connect refuse
 echo "advertising $light off" >/run/air
 refuses "bluetoothd or the kernel refuses to play $light on hci1 *" 1 --air --adapter hci1 -- true
@@ -67,7 +68,7 @@ refuses "The Bluetooth service (bluetoothd) does not run." 1 --air --adapter hci
 start_bluetoothd
 
 before=$(traces)
-# play_and_end SIGNAL [WORD...]: ends lights that are played without a command, while a host is connected.
+# play_and_end SIGNAL [WORD...]: plays a light, connects a host, and ends the light by that signal.
 play_and_end() {
     "${@:2}" corvelkx-lights --air --adapter hci1 --json >/tmp/said 2>&1 &
     local lights=$! event
@@ -88,7 +89,7 @@ leaves_nothing "nothing is left after the end of the command"
 play_and_end TERM "${nobody[@]}"
 leaves_nothing "nothing is left after an interruption, and any user may play a light"
 play_and_end KILL
-# The alias is what nobody puts back then.
+# After SIGKILL nobody restores the alias.
 traces() { all_traces | sed '/string "Alias"/,+1d'; }
 before=$(sed '/string "Alias"/,+1d' <<<"$before")
 leaves_nothing "nothing but the alias is left of lights that are killed"

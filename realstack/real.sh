@@ -1,4 +1,4 @@
-# What breaks in the real stack, and how it is mended.
+# Functions that break and repair the real stack: adapter, bluetoothd, range.
 
 bluez() { dbus-send --system --print-reply --dest=org.bluez "$@" 2>>"${TMPDIR:-/tmp}/host.log"; }
 
@@ -12,8 +12,8 @@ set_powered() {
 }
 start_bluetoothd() {
     local adapter
-    # By its path, for Qt asks that file for its version; and without the variable by which corvelkx-lights ends what is
-    # left of its command.
+    # By its full path, because Qt runs that file to learn its version. Without the variable, because corvelkx-lights
+    # ends all processes that have it when it ends.
     env -u CORVELKX_LIGHTS_BUS /bin/bluetoothd -n -d "src/a*:src/device.c" >>/tmp/bluetoothd.log 2>&1 &
     echo $! >/run/bluetoothd.pid
     for adapter in hci{0..3}; do
@@ -36,7 +36,7 @@ real_daemon_kill() { end_bluetoothd KILL; }
 real_daemon_return() { start_bluetoothd; }
 real_range() { echo "range $1 $2" >/run/air; }
 
-# Makes everything as it was, also after a scenario that failed.
+# Restores everything, also after a scenario that failed.
 real_prepare() {
     local light device
     for light in C0:FF:EE:00:00:0{3,5}; do
@@ -44,7 +44,7 @@ real_prepare() {
     done
     kill -0 "$(cat /run/bluetoothd.pid)" 2>/dev/null || start_bluetoothd
     set_powered true
-    sleep 3 # until bluetoothd has ended the links that were there
+    sleep 3 # bluetoothd needs two seconds to end links
     for device in $(bluez / org.freedesktop.DBus.ObjectManager.GetManagedObjects |
         grep -o '/org/bluez/hci0/dev_[0-9A-F_]*' | sort -u); do
         bluez /org/bluez/hci0 org.bluez.Adapter1.RemoveDevice "objpath:$device" >/dev/null

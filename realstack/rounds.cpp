@@ -1,6 +1,7 @@
-// corvelkx-rounds bare|plugin FILE: for each line on the standard input one round with the first light that is
-// found, through Qt Bluetooth alone or through the plugin FILE: prints the milliseconds from the scan's start until
-// the light is ready, and those of five payloads, each sent when the one before has come back.
+// corvelkx-rounds bare|plugin FILE: one measurement for each line on the standard input, with Qt
+// Bluetooth alone or with the plugin FILE. Connects the first light that is found; prints the
+// milliseconds from the scan's start until it is ready, and those of five payloads, each sent after
+// the echo of the previous one.
 #include "Central.h"
 
 #include <QCoreApplication>
@@ -23,7 +24,7 @@ public:
 private:
     std::unique_ptr<Central> m_central;
     QElapsedTimer m_clock;
-    QString m_light; // of this round
+    QString m_light; // the one that was found in this round
     qint64 m_ready = 0;
 };
 
@@ -46,7 +47,7 @@ Rounds::Rounds(std::unique_ptr<Central> central) : m_central(std::move(central))
             return;
         }
         std::printf("%lld %lld\n", m_ready, m_clock.elapsed());
-        m_central->letGo(address);
+        m_central->disconnectFrom(address);
     };
     m_central->gone = [](const QString &) { std::fflush(stdout); };
 }

@@ -1,13 +1,13 @@
 #!/bin/bash
-# scenarios.sh stand-in|real NUMBER...: plays scenarios of scenarios.txt among virtual lights, those of the stand-in for
-# bluetoothd or those on the air. Prints a line with tabs for each:
+# scenarios.sh stand-in|real NUMBER...: runs scenarios of scenarios.txt, with the replacement of bluetoothd or with the
+# real one. Prints for each a line whose fields are separated by tabs:
 #     result  TITLE  stand-in|real  passed, or what is wrong  what the host saw
-# scenarios.sh list: prints the titles in their order.
+# scenarios.sh list: prints all titles.
 here=$(realpath "${BASH_SOURCE%/*}")
 . "$here/real.sh"
 readonly first=C0:FF:EE:00:00:03 second=C0:FF:EE:00:00:05 foreign=D0:0D:00:00:00:04
 
-# --- The host, and what it sees.
+# --- The host, and the signals that it gets.
 
 begin() {
     coproc plugin { corvelkx-signals "$PLUGIN" 2>>"${TMPDIR:-/tmp}/host.log"; }
@@ -19,7 +19,7 @@ fail() {
     [ -s "$wrong" ] || echo "$*" >"$wrong"
     exit 1
 }
-# see TEXT [SECONDS]: waits for a line that begins with TEXT; patterns are the shell's.
+# see TEXT [SECONDS]: waits for a line of the host that begins with TEXT, which may be a shell pattern.
 see() {
     local line
     while read -r -t "${2:-30}" -u "${plugin[0]}" line; do
@@ -29,7 +29,7 @@ see() {
     done
     fail "there was no \"$1\" within ${2:-30} s"
 }
-# Sees what comes in so many seconds.
+# watch SECONDS: records the host's lines for that time.
 watch() {
     local line end=$((SECONDS + $1))
     while read -r -t $((end - SECONDS + 1)) -u "${plugin[0]}" line && [ $SECONDS -lt $end ]; do
@@ -40,11 +40,11 @@ watch() {
 find_light() { host start && see "$1 found" && host stop; }
 echo_of() { host send "$1" "$2" && see "$1 says $2"; }
 bring_up() { find_light "$1" && host connect "$1" && see "$1 ready" && echo_of "$1" 5a; }
-let_go() { host remove "$1" && see "$1 gone"; }
-let_go_silently() { host remove "$1" && watch 3; }
-works_again() { echo_of "$1" a5 && let_go "$1"; }
-# A bluetoothd that was started again remembers a light that it had connected, but not what that advertises: Qt tells
-# nothing new of it before the next scan.
+disconnect() { host remove "$1" && see "$1 gone"; }
+disconnect_silently() { host remove "$1" && watch 3; }
+works_again() { echo_of "$1" a5 && disconnect "$1"; }
+# A restarted bluetoothd remembers lights that had been connected, but not their manufacturer data, so only the second
+# scan finds them.
 bring_up_by_second_scan() {
     local known
     known=$(grep -c "$1 found" "$seen")
@@ -54,7 +54,7 @@ bring_up_by_second_scan() {
     [ "$(grep -c "$1 found" "$seen")" = "$known" ] || fail "the first scan found $1"
     bring_up "$1"
 }
-# talk ADDRESS MODE: payloads and their answers, and what the light got.
+# talk ADDRESS MODE: sends payloads, and checks the answers and what the light received.
 talk() {
     local n long
     host connect "$1"
@@ -67,7 +67,7 @@ talk() {
     was_written "$1" request 5c
     was_written "$1" "$2" 10
     was_written "$1" "$2" "$long"
-    let_go "$1"
+    disconnect "$1"
 }
 lives_again() {
     see unloaded
@@ -95,13 +95,14 @@ ends_by() {
     bring_up "$first"
     works_again "$first"
 }
-# kept_through told|untold FAULT...: a fault that nobody tells shows by a payload that is not answered.
+# kept_through reported|unreported FAULT...: CorvelKX::Host reconnects the light. An unreported fault causes no
+# signal, so the library notices it only by a payload that is not answered.
 kept_through() {
     host unload
     host keep "$first"
     see "$first ready"
     "${@:2}"
-    [ "$1" = told ] || host tell "$first" 77
+    [ "$1" = reported ] || host tell "$first" 77
     see "$first waiting"
     mend
     see "$first ready" 90
@@ -110,10 +111,11 @@ kept_through() {
 }
 mend() { :; }
 
-# --- The lights, and what they are in.
+# --- The lights, the adapter and bluetoothd.
 
 lights() { corvelkx-lights ctl "$@" || fail "corvelkx-lights ctl $* ended with status $?"; }
-# was_written ADDRESS command|request HEX: bluetoothd does not tell its lights how they are written, but the air does.
+# was_written ADDRESS command|request HEX: bluetoothd does not tell a light the kind of write; the log of corvelkx-air
+# does.
 was_written() {
     local -A code=([command]=52 [request]=12)
     if [ "$place" = real ]; then
@@ -124,7 +126,7 @@ was_written() {
 }
 listens() {
     [ "$place" = stand-in ] || was_written "$1" request 0100
-    grep -q "\"address\":\"$1\",[^}]*\"listening\":true" <<<"$(lights report)" || fail "nobody subscribed to $1"
+    grep -q "\"address\":\"$1\",[^}]*\"listening\":true" <<<"$(lights report)" || fail "the host has not subscribed to $1"
 }
 adapter() { if [ "$place" = real ]; then "real_adapter_$1"; else lights adapter "$1"; fi; }
 daemon() { if [ "$place" = real ]; then "real_daemon_$1"; else lights daemon "$1"; fi; }
@@ -140,10 +142,10 @@ back() {
     lights set "$1" advertising true
 }
 
-# --- How they are run.
+# --- Running the scenarios.
 
-# What the host saw of each light, in order. Of announcements only the first counts, for a light is announced as
-# often as it likes; payloads are counted.
+# The signals for each light, in order. Repeated discoveries are left out, because their number varies; repeated
+# payloads are counted.
 summary() {
     awk '
         function flush(light) {

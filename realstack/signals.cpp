@@ -1,10 +1,10 @@
-// corvelkx-signals PLUGIN: a host that does what it is told and no more. Prints each signal of the plugin
-// and takes commands from its standard input, a line each: those of the plugin's interface, and
-//     new | unload          loads the plugin, or unloads it
-//     unload-at TEXT        unloads it as soon as the plugin logs a line with TEXT
-//     end | leave           ends the process, with or without unloading the plugin before
-//     keep ADDRESS          has the library for hosts keep a light connected
-//     tell ADDRESS HEX      sends such a light a payload
+// corvelkx-signals PLUGIN: a host that is controlled by a script. Prints each signal of the plugin,
+// and reads commands from its standard input, one a line: those of the plugin's interface, and
+//     new | unload          loads or unloads the plugin
+//     unload-at TEXT        unloads it as soon as it logs a line that contains TEXT
+//     end | leave           ends the process; end unloads the plugin first
+//     keep ADDRESS          keeps a light connected through CorvelKX::Host
+//     tell ADDRESS HEX      sends a payload through CorvelKX::Host
 #include "CorvelKXBleInterface.h"
 #include "CorvelKXHost.h"
 

@@ -27,8 +27,8 @@ constexpr QLatin1String aliasKey("Alias");
 
 constexpr int startLimit = 20000;
 constexpr int settlingTime = 1000;
-// An advertisement has 31 bytes: three are flags, four the head of the manufacturer's element. The
-// scan response has as many, two of them the head of the name.
+// An advertisement has 31 bytes; the flags take three, and length, type and company identifier of
+// the manufacturer data four. In the scan response, length and type of the name take two of 31.
 constexpr int longestData = 24;
 constexpr int longestName = 29;
 
@@ -36,7 +36,7 @@ QVariantMap advertisementOf(const Light &light)
 {
     QVariantMap properties {
         { QStringLiteral("Type"), QStringLiteral("peripheral") },
-        // Else some centrals do not show it.
+        // Some centrals ignore advertisements without this flag.
         { QStringLiteral("Discoverable"), true },
     };
     if (!light.name.isEmpty())
@@ -49,7 +49,7 @@ QVariantMap advertisementOf(const Light &light)
     return properties;
 }
 
-// The services that bluetoothd is told; it adds the descriptors by itself.
+// The GATT objects to register; bluetoothd adds the CCCDs by itself.
 Bluez::ManagedObjects objectsOf(const Device &device)
 {
     Bluez::ManagedObjects objects = Bluez::gattObjects(device.path, device.light.services());
@@ -104,7 +104,7 @@ AirLights::~AirLights()
         setServices(device.get(), {});
         setAlias(m_adapters[device.get()], m_adapters[device.get()].alias);
     }
-    // Its answer comes after those to all that was sent before.
+    // bluetoothd answers in order: when this call returns, it has handled all calls above.
     call(QStringLiteral("/"), Bluez::objectManagerInterface, "GetManagedObjects", {})
             .waitForFinished();
 }
@@ -151,7 +151,7 @@ QString AirLights::start(const QList<Light> &lights, QStringList adapters)
             wrong = QStringLiteral("%1 cannot be played: %2.").arg(name, check(device->light));
         if (!wrong.isEmpty())
             return wrong;
-        // An alias that is the name is none; what it would be without one stays open.
+        // If the alias equals the name, none was set; an empty text restores that.
         const QString alias = properties.value(aliasKey).toString();
         const bool isOwn = alias != properties.value(QStringLiteral("Name"));
         m_adapters[device.get()] = { adapterPrefix + name, isOwn ? alias : QString(), {}, {}, {} };
@@ -193,19 +193,18 @@ QString AirLights::check(const Light &light) const
 {
     const Light plain;
     if (light.latency || light.disconnectDelay || light.connect != plain.connect || !light.resolve)
-        return QStringLiteral("on the air a link is bluetoothd's: \"connect\", \"resolve\", "
-                              "\"latency\" and \"disconnectDelay\" cannot be set");
+        return QStringLiteral("on a real adapter \"connect\", \"resolve\", \"latency\" and "
+                              "\"disconnectDelay\" cannot be set");
     if (light.omit.contains(QLatin1String("00002902")))
         return QStringLiteral("bluetoothd adds the descriptor 2902 by itself");
     if (const auto size = light.advertisedData().size(); size > longestData) {
-        return QStringLiteral("its advertisement does not fit: %1 bytes of the manufacturer, where "
-                              "%2 have room")
+        return QStringLiteral("its advertisement does not fit: %1 bytes of manufacturer data, at "
+                              "most %2")
                 .arg(size)
                 .arg(longestData);
     }
     if (const auto size = light.name.toUtf8().size(); size > longestName) {
-        return QStringLiteral("its advertisement does not fit: a name of %1 bytes, where %2 have "
-                              "room")
+        return QStringLiteral("its advertisement does not fit: a name of %1 bytes, at most %2")
                 .arg(size)
                 .arg(longestName);
     }
@@ -218,7 +217,7 @@ QDBusPendingCall AirLights::call(const QString &path, QLatin1String interface, c
     auto message = QDBusMessage::createMethodCall(Bluez::service, path, interface,
                                                   QLatin1String(method));
     message.setArguments(arguments);
-    // What is asked for at the end must not start a bluetoothd that has just ended.
+    // The calls of the destructor must not restart a bluetoothd that has just ended.
     message.setAutoStartService(false);
     return m_bus.asyncCall(message);
 }
@@ -303,7 +302,7 @@ void AirLights::change(Device *device)
 
 void AirLights::advertise(Device *device)
 {
-    // After a connection, a central takes the alias for the light's name.
+    // A connected central reads the alias as the light's name.
     setAlias(m_adapters[device], device->light.alias());
     setAdvertisement(device,
                      device->light.advertising ? advertisementOf(device->light) : QVariantMap());
@@ -364,15 +363,15 @@ void AirLights::onInterfaces(const QString &path, const Bluez::Interfaces &inter
     const auto properties = interfaces.value(deviceInterface);
     if (const auto connected = properties.constFind(connectedKey); connected != properties.cend()) {
         onLink(path, connected->toBool());
-        if (!connected->toBool()) // what could not be changed while the link stood
+        if (!connected->toBool()) // apply changes that had to wait for the end of the link
             change(device);
     }
     const auto powered = interfaces.value(adapterInterface).value(Bluez::poweredKey);
     if (!powered.isValid())
         return;
     setAdvertisement(device, {});
-    // bluetoothd removes what it finds in the kernel a moment after it has shown its adapters, and
-    // then tells nobody that an advertisement is gone.
+    // Shortly after bluetoothd shows an adapter, it removes all advertisements that it finds in the
+    // kernel, without a signal; wait until that is over.
     if (powered.toBool()) {
         QTimer::singleShot(settlingTime, this, [this, device] { play(device); });
     }
@@ -401,7 +400,7 @@ void AirLights::onPropertiesChanged(const QDBusMessage &signal)
                                     qdbus_cast<QVariantMap>(signal.arguments().value(1)) } });
 }
 
-// The adapter or bluetoothd is gone, and what was registered with it.
+// Called when the adapter or bluetoothd is gone, and the registrations with it.
 void AirLights::lose(Device *device)
 {
     onLink(m_adapters[device].central, false);

@@ -12,13 +12,12 @@ class QDBusError;
 class QDBusPendingCall;
 
 /*!
-    Virtual lights on the air: each is played on an adapter of its own, through the bluetoothd of
-    the machine.
+    Virtual lights over the air: each is a peripheral on a real adapter, through the machine's
+    bluetoothd.
 
-    Lives on the thread that creates it and needs its event loop: bluetoothd asks for the services
-    while they are registered. start() comes first; its answer is empty or one sentence for people.
-    What fails later is told by failed(). A light whose adapter or bluetoothd goes comes back with
-    it. The destructor leaves nothing in bluetoothd.
+    Needs the event loop of the thread that creates it: bluetoothd reads the services while they are
+    being registered. Call start() first. failed() reports later errors. A light whose adapter or
+    bluetoothd disappears returns with it. The destructor unregisters everything.
 */
 class AirLights : public QDBusVirtualObject, public Backend
 {
@@ -29,12 +28,12 @@ public:
     ~AirLights() override;
 
     /*!
-        Plays \a lights on \a adapters, or on those that there are where the list is empty, and
-        waits until they are advertised. Returns what is wrong, or nothing.
+        Plays \a lights on \a adapters, or on any adapters if the list is empty, and waits until all
+        are advertised. Returns an empty text, or one sentence about what is wrong.
     */
     QString start(const QList<Light> &lights, QStringList adapters);
 
-    /*! The name of the adapter that plays the light. */
+    /*! The name of the light's adapter, such as hci0. */
     QString adapterOf(const Device *device) const
     {
         return m_adapters[device].path.section(QLatin1Char('/'), -1);
@@ -62,10 +61,10 @@ private:
     struct Adapter
     {
         QString path;
-        QString alias;                  //!< as it was before, to be put back
-        QString central;                //!< the device that is connected
-        Bluez::ManagedObjects services; //!< that are registered
-        QVariantMap advertisement;      //!< that is registered
+        QString alias;                  //!< the original alias, to be restored
+        QString central;                //!< the object path of the connected central
+        Bluez::ManagedObjects services; //!< as registered
+        QVariantMap advertisement;      //!< as registered
     };
 
     QString examineAdapter(const QString &name, const Bluez::ManagedObjects &objects) const;

@@ -95,7 +95,7 @@ void Backend::writeValue(const QDBusMessage &message)
         return;
     }
     const QByteArray data = message.arguments().value(0).toByteArray();
-    // bluetoothd 5.66 does not tell the light which of both it was.
+    // bluetoothd 5.66 does not pass on whether it was a command or a request.
     const auto options = qdbus_cast<QVariantMap>(message.arguments().value(1));
     const QString mode = options.value(QStringLiteral("type"), QStringLiteral("unknown"))
                                  .toString();

@@ -11,7 +11,7 @@
 #include <memory>
 #include <vector>
 
-/*! One payload that a light was written. */
+/*! One payload that was written to a light. */
 struct Written
 {
     QString characteristic;
@@ -21,29 +21,29 @@ struct Written
     QString toString() const;
 };
 
-/*! A light at work: what it is, and the state of its link. */
+/*! A running light: its description and the state of its link. */
 struct Device
 {
     Light light;
-    Light original; //!< as the light was described at first
-    QString path;   //!< its object path; those of its services begin with it
+    Light original; //!< the first description, for the command "reset"
+    QString path;   //!< its D-Bus object path, the prefix of its services' paths
     bool connected = false;
     bool wasConnected = false;
-    bool isHeard = false; //!< since the scan began
-    //! Lives as long as the link, or the attempt at one: what is pending on it ends with it.
+    bool isHeard = false; //!< has advertised since the scan began
+    //! Exists while the light is connected or being connected; the context of pending timers.
     std::unique_ptr<QObject> link;
     QList<QDBusMessage> pendingConnects;
     QList<QDBusMessage> pendingDisconnects;
     QStringList notifying;       //!< paths of the characteristics that the central subscribed to
-    std::deque<Written> written; //!< the latest ones
+    std::deque<Written> written; //!< the latest payloads
     quint64 writtenCount = 0;
 
     void remember(const Written &payload);
 };
 
 /*!
-    The lights that the orders work on, wherever they are: in the stand-in for bluetoothd, or on the
-    air. Lives on one thread, as everything here does.
+    The lights that Control commands: in the replacement of bluetoothd, or on real adapters. Used on
+    one thread only.
 */
 class Backend
 {
@@ -55,23 +55,23 @@ public:
     QList<Device *> devices() const;
     Device *find(const QString &address) const;
 
-    /*! Returns why there cannot be such a light here, or nothing. */
-    virtual QString check(const Light &) const { return {}; }
-    /*! Carries out what was changed in the description of the light. */
+    /*! Returns why this backend cannot play \a light, or an empty text. */
+    virtual QString check([[maybe_unused]] const Light &light) const { return {}; }
+    /*! Called after the light's description was changed. */
     virtual void change(Device *) { }
-    /*! Advertises what the light's description says now. */
+    /*! Advertises the light as its description now says. */
     virtual void advertise(Device *device) = 0;
     virtual void dropLink(Device *device) = 0;
     virtual void vanishServices(Device *device) = 0;
     /*!
-        Sends one notification, from the service at \a servicePath where that is given; returns
-        whether the central subscribed to one.
+        Sends one notification, from the service at \a servicePath if one is given. Returns false if
+        the central has not subscribed.
     */
     bool notify(Device *device, const QByteArray &value, const QString &servicePath = {});
 
     /*!
-        Called, where it is set, for what happens to a light: "subscribed" or "written"; on the air
-        "connected" and "gone", too.
+        If set, called for the events "subscribed" and "written" of a light; on a real adapter also
+        for "connected" and "gone".
     */
     std::function<void(const Device &device, const QString &event, const QString &detail)> happened;
 

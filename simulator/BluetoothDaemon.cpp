@@ -29,9 +29,10 @@ constexpr QLatin1String rssiKey("RSSI");
 constexpr int appearanceInterval = 5;
 constexpr int firstAppearance = 150;
 constexpr int scanPenalty = 10000;
-constexpr int attemptLimit = 25000; // as bluetoothd was seen to try
+constexpr int attemptLimit = 25000; // as measured with bluetoothd 5.66
 
-// The object manager lives at the root of the bus, apart from the tree that it tells about.
+// BlueZ's object manager is at "/", while its objects are below /org/bluez. Qt D-Bus needs one
+// virtual object for each.
 class Root : public QDBusVirtualObject
 {
 public:
@@ -62,7 +63,7 @@ BluetoothDaemon::BluetoothDaemon(QDBusConnection bus, QObject *parent)
     connect(&m_scanners, &QDBusServiceWatcher::serviceUnregistered, this,
             &BluetoothDaemon::endScan);
 
-    // Advertisements come one by one, as they do on the air.
+    // Advertisements arrive one after the other, as over the air.
     connect(&m_appearances, &QTimer::timeout, this, [this] {
         for (const auto &device : m_devices) {
             if (device->light.advertising && !device->isHeard) {
@@ -98,7 +99,7 @@ void BluetoothDaemon::leaveBus(Leaving how)
     m_bus.unregisterService(Bluez::service);
     m_onBus = false;
 
-    // What is left after a silent end, the next daemon does not know any more.
+    // After a silent end, a restarted daemon does not know the old links and objects.
     endScan();
     for (const auto &device : m_devices)
         dropLink(device.get());

@@ -8,11 +8,11 @@
 #include <QTimer>
 
 /*!
-    Stands in for bluetoothd on a bus: an adapter and virtual lights as D-Bus objects of org.bluez,
-    to the extent that Qt Bluetooth uses them.
+    Replaces bluetoothd on a private bus: an adapter and virtual lights as D-Bus objects of
+    org.bluez, as far as Qt Bluetooth uses them.
 
-    Lives on the thread that creates it and needs its event loop; it must not run in the process
-    that uses it, since Qt Bluetooth waits for answers without an event loop.
+    Needs the event loop of the thread that creates it. Must not run in the process that uses
+    Qt Bluetooth, whose D-Bus calls block without an event loop.
 */
 class BluetoothDaemon : public QDBusVirtualObject, public Backend
 {
@@ -26,7 +26,7 @@ public:
 
     /*! Takes the name org.bluez and shows an adapter that is switched on. */
     bool enterBus();
-    /*! Gives the name up; a clean end closes the links and removes the objects before. */
+    /*! Releases the name. A clean end first closes the links and removes the objects. */
     void leaveBus(Leaving how);
     bool isOnBus() const { return m_onBus; }
 
@@ -39,9 +39,9 @@ public:
     void setPowered(bool powered);
     void setPresent(bool present);
     /*!
-        Does what a real one was seen to do and most hosts need not be tried with: connections take
-        ten seconds longer while a scan runs, and a daemon that was started again still knows the
-        lights that had been connected, but not what they advertise.
+        Imitates what a real bluetoothd was seen to do: connections take ten seconds longer while a
+        scan runs, and after a restart it knows the lights that had been connected, but not their
+        manufacturer data. Off by default, because it makes tests slow.
     */
     void setRealistic(bool realistic) { m_isRealistic = realistic; }
 

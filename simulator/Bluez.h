@@ -8,8 +8,7 @@
 #include <QVariantMap>
 
 /*!
-    BlueZ's D-Bus interface, to the extent that the stand-in for bluetoothd and the lights on the
-    air have in common.
+    The part of BlueZ's D-Bus interface that both BluetoothDaemon and AirLights need.
 */
 namespace Bluez {
 
@@ -30,7 +29,7 @@ using Interfaces = QMap<QString, QVariantMap>;
 using ManagedObjects = QMap<QDBusObjectPath, Interfaces>;
 using ManufacturerData = QMap<quint16, QDBusVariant>;
 
-/*! Has to come before any of these types goes over the bus. */
+/*! Call this before any of these types is sent over the bus. */
 void registerTypes();
 
 QString error(const char *name);

@@ -17,7 +17,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int longestRun = 500;
 
-// A series of numbered notifications. Lives as long as the link that it runs on.
+// A series of numbered notifications; ends with its link.
 class Burst : public QObject
 {
 public:
@@ -73,7 +73,7 @@ void Control::fail(const QString &sentence)
 bool Control::hasDaemon()
 {
     if (!m_daemon)
-        fail(QStringLiteral("There is no order \"%1\" for lights on the air.")
+        fail(QStringLiteral("\"%1\" does not work for lights on a real adapter.")
                      .arg(message().member()));
     return m_daemon;
 }
@@ -118,7 +118,7 @@ void Control::forget(const QString &address)
         m_daemon->forget(found);
 }
 
-// Returns what is wrong with the value, or nothing.
+// Returns what is wrong with the value, or an empty text.
 QString Control::change(Device *device, const QString &key, const QJsonValue &value)
 {
     Light changed = device->light;
@@ -178,9 +178,10 @@ void Control::notify(const QString &address, const QString &hex)
         return;
     const auto value = bytesFromHex(hex);
     if (!value)
-        fail(QStringLiteral("\"%1\" is not a row of hexadecimal pairs.").arg(hex));
+        fail(QStringLiteral("\"%1\" is not a payload: write hexadecimal pairs, such as 01ff.")
+                     .arg(hex));
     else if (!m_lights->notify(found, *value))
-        fail(QStringLiteral("Nobody listens to %1.").arg(address));
+        fail(QStringLiteral("No host has subscribed to %1.").arg(address));
 }
 
 void Control::burst(const QString &address, int count, int size, int perSecond)
@@ -189,9 +190,10 @@ void Control::burst(const QString &address, int count, int size, int perSecond)
     if (!found)
         return;
     if (count < 0 || size < 4 || perSecond < 0)
-        fail(QStringLiteral("A burst needs a count, a size of at least 4 bytes and a rate."));
+        fail(QStringLiteral(
+                "burst takes COUNT 0 or more, SIZE 4 or more and PERSECOND 0 or more."));
     else if (found->notifying.isEmpty())
-        fail(QStringLiteral("Nobody listens to %1.").arg(address));
+        fail(QStringLiteral("No host has subscribed to %1.").arg(address));
     else
         new Burst(m_lights, found, static_cast<quint32>(count), size, perSecond);
 }
@@ -209,7 +211,8 @@ void Control::adapter(const QString &state)
     else if (state == QLatin1String("return"))
         m_daemon->setPresent(true);
     else
-        fail(QStringLiteral("The adapter can be told on, off, remove and return."));
+        fail(QStringLiteral("\"%1\" is not a state of the adapter: use on, off, remove or return.")
+                     .arg(state));
 }
 
 void Control::daemon(const QString &state)
@@ -223,7 +226,8 @@ void Control::daemon(const QString &state)
     else if (state == QLatin1String("return"))
         m_daemon->enterBus();
     else
-        fail(QStringLiteral("The daemon can be told leave, kill and return."));
+        fail(QStringLiteral("\"%1\" is not a state of the daemon: use leave, kill or return.")
+                     .arg(state));
 }
 
 QStringList Control::written(const QString &address)

@@ -340,7 +340,7 @@ QList<Light> defaultLights()
         light(1001, "Corvel light(J)", "a002", true),
         foreign("D0:0D:00:00:00:01", "Kitchen scale", "1002030405060708"),
         foreign("D0:0D:00:00:00:02", "Step counter", ""),
-        // A product of the same family that is deliberately not supported.
+        // Type 4 of the same family, which hosts must ignore.
         foreign("D0:0D:00:00:00:04", "Corvel light(Old)", "3c010000040000000000"),
     };
 }

@@ -17,7 +17,7 @@ struct GattCharacteristic
     QStringList descriptors;
 };
 
-/*! One GATT service; what is written to it may come back from its notifying characteristic. */
+/*! One GATT service of a virtual light. */
 struct GattService
 {
     QString uuid;
@@ -25,7 +25,7 @@ struct GattService
 };
 
 /*!
-    What a virtual light is and how it behaves: the keys of a light file, and of the order "set".
+    The description of a virtual light: the keys of a light file and of the command "set".
 */
 struct Light
 {
@@ -34,11 +34,11 @@ struct Light
     QString address;
     QString name;
     quint16 company = 0xFFFF;
-    int type = -1; //!< -1: the manufacturer bytes stand for themselves
+    int type = -1; //!< -1: unknown; the light advertises \a manufacturer as it is
     QByteArray manufacturer;
     QString layout = QStringLiteral("fff0");
     bool authentication = false;
-    bool authenticationFirst = false; //!< before the other services, where the order matters
+    bool authenticationFirst = false; //!< lists that service before the others
     bool advertising = true;
     bool echo = true;
     int latency = 0;         //!< ms from Connect to the link
@@ -47,34 +47,34 @@ struct Light
     bool resolve = true;
     bool refuseReads = false;
     bool refuseWrites = false;
-    QStringList omit;       //!< UUID prefixes of services, characteristics and descriptors left out
-    QStringList writeFlags; //!< in place of the layout's own, where not empty
+    QStringList omit;       //!< UUID prefixes of services, characteristics and descriptors to omit
+    QStringList writeFlags; //!< replace the layout's own flags if not empty
 
-    /*! Applies \a settings; returns what is wrong with them, or nothing. */
+    /*! Applies \a settings; returns what is wrong with them, or an empty text. */
     QString apply(const QJsonObject &settings);
-    /*! Applies one setting; returns what is wrong with it, or nothing. */
+    /*! Applies one setting; returns what is wrong with it, or an empty text. */
     QString set(const QString &key, const QJsonValue &value);
 
-    /*! What the light is called by those that see it. */
+    /*! The name that BlueZ reports: the light's own, or its address with dashes. */
     QString alias() const;
-    /*! The value that the light advertises: its own bytes, or those that its type asks for. */
+    /*! The manufacturer data: made from the type, or the bytes of the description. */
     QByteArray advertisedData() const;
-    /*! The services that the light has, less what it omits. */
+    /*! The services of the layout, without what is omitted. */
     QList<GattService> services() const;
 };
 
-/*! One light of each type, and devices that a host must ignore. */
+/*! One light of each type, and three foreign devices that a host must ignore. */
 QList<Light> defaultLights();
-/*! \a count lights, of all the types in turn. */
+/*! \a count lights; their types alternate. */
 QList<Light> crowdOfLights(int count);
 /*!
-    Reads the light file \a fileName; on failure returns nothing and puts one sentence into
-    \a error.
+    Reads the light file \a fileName. After a failure, the list is empty and \a error is one
+    sentence.
 */
 QList<Light> lightsFromFile(const QString &fileName, QString *error);
-/*! Reads a light from "key=value,key=value"; on failure puts one sentence into \a error. */
+/*! Reads a light from "key=value,key=value". After a failure, \a error is one sentence. */
 Light lightFromText(const QString &text, QString *error);
-/*! The bytes that \a text spells in hexadecimal pairs, or nothing where it spells none. */
+/*! Converts hexadecimal pairs to bytes; std::nullopt if \a text is anything else. */
 std::optional<QByteArray> bytesFromHex(const QString &text);
-/*! The JSON value that \a text stands for; text that is no JSON is a string. */
+/*! Parses \a text as a JSON value; if it is no JSON, returns it as a string. */
 QJsonValue jsonValueFromText(const QString &text);

@@ -14,7 +14,7 @@ constexpr int startTimeout = 10000;
 
 QByteArray configuration(const QString &socket)
 {
-    // Limits far above the daemon's own ones, so that no measurement meets them.
+    // The daemon's default limits would disturb measurements.
     return "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\" "
            "\"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
            "<busconfig>\n"
@@ -36,8 +36,8 @@ QByteArray configuration(const QString &socket)
              "</busconfig>\n";
 }
 
-// Ends whoever was started to use the bus at \a socket: what is left of a command when the program
-// that ran it was killed, its children's children and all.
+// Ends all processes with the bus at \a socket in their environment: the command and all of its
+// descendants, which otherwise survive when corvelkx-lights is killed.
 void endClients(const QByteArray &socket)
 {
     const QByteArray variable = "CORVELKX_LIGHTS_BUS=unix:path=" + socket + ',';
@@ -82,12 +82,12 @@ void PrivateBus::startJanitor()
     const QByteArray socket = directory + "/bus";
     const QByteArray config = directory + "/bus.conf";
     int ends[2];
-    // Closed when this process ends, and not when the last process does that it started.
+    // Close-on-exec: the pipe must close when this process ends, even if the command still runs.
     if (pipe2(ends, O_CLOEXEC) != 0)
         return;
     const pid_t janitor = fork();
     if (janitor == 0) {
-        // It outlives whatever ends the others, and then ends by itself.
+        // The signals that end the other processes must not end this one.
         setsid();
         for (const int number : { SIGINT, SIGTERM, SIGHUP })
             signal(number, SIG_IGN);
@@ -121,7 +121,7 @@ bool PrivateBus::start()
 
     m_daemon.setChildProcessModifier([] {
         endWithParent();
-        // What a terminal sends to its programs is not meant for the bus.
+        // Ctrl+C in a terminal must not reach the bus.
         setsid();
     });
     m_daemon.start(QStringLiteral("dbus-daemon"),

@@ -5,11 +5,11 @@
 #include <QTemporaryDir>
 
 /*!
-    A D-Bus daemon of one's own, with its socket in a private directory.
+    A private dbus-daemon, with its socket in a temporary directory.
 
-    Both end with this object, and also where this process is killed: the daemon is told by the
-    kernel, the directory is removed by a small process that waits for just that and ends whoever
-    still uses the bus. Construct it before the first thread of the process starts.
+    Both disappear with this object, and also if this process is killed: the kernel then signals the
+    daemon, and a small helper process (the janitor) ends all clients of the bus and removes the
+    directory. Construct it before the process starts its first thread, because it forks.
 */
 class PrivateBus
 {
@@ -18,9 +18,9 @@ public:
     ~PrivateBus();
     Q_DISABLE_COPY_MOVE(PrivateBus)
 
-    /*! Starts the daemon and returns whether it runs; error() tells why not. */
+    /*! Starts the daemon. Returns false if that failed; error() tells why. */
     bool start();
-    /*! The address for DBUS_SYSTEM_BUS_ADDRESS and the like. */
+    /*! The bus address, for example for DBUS_SYSTEM_BUS_ADDRESS. */
     QString address() const { return m_address; }
     QString error() const { return m_error; }
 
@@ -34,5 +34,5 @@ private:
     int m_janitorPipe = -1;
 };
 
-/*! For a child process: ends it when the process that started it ends in any way. */
+/*! Called in a child process: the kernel ends the child when its parent ends, however that ends. */
 void endWithParent();

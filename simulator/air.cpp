@@ -1,8 +1,8 @@
-// corvelkx-air ADDRESS...: Low Energy controllers without a radio that hear each other, one for each
-// address. They are the kernel's adapters hci0, hci1, ... as long as this runs. Prints what goes over the
-// air, and takes orders from its standard input, a line each:
-//     range ADDRESS in|out          the controller comes into reach of the others, or leaves it
-//     advertising ADDRESS on|off    it advertises, or refuses to
+// corvelkx-air ADDRESS...: simulates one Low Energy controller for each address. They are the
+// kernel's adapters hci0, hci1, ... while this program runs, and receive each other. Prints what
+// they transmit, and reads commands from its standard input, one a line:
+//     range ADDRESS in|out          moves the controller into or out of range of the others
+//     advertising ADDRESS on|off    lets it advertise, or makes it refuse to
 #include <QCoreApplication>
 #include <QDateTime>
 #include <QHash>
@@ -21,7 +21,7 @@
 
 namespace {
 
-// What the Bluetooth specification calls them.
+// Names and values of the Bluetooth standard.
 enum PacketType : char {
     CommandPacket = 1,
     DataPacket = 2,
@@ -91,7 +91,7 @@ int numberAt(const QByteArray &bytes, qsizetype place)
 struct Controller
 {
     QString name;
-    QByteArray address; // the last byte first, as it is sent
+    QByteArray address; // least significant byte first, as it is sent
     int file = -1;
     char signal = 0; // dBm
     bool isInRange = true;
@@ -101,7 +101,7 @@ struct Controller
     bool isScanActive = false;
     bool dropsDuplicates = false;
     QSet<QByteArray> reported;
-    QByteArray wanted; // the address that it is to be connected to
+    QByteArray wanted; // the address that it shall connect to
     QByteArray wantedTiming;
 
     QTimer advertising;
@@ -139,7 +139,7 @@ class Air : public QObject
 {
 public:
     void add(const QString &address);
-    void order(const QStringList &words);
+    void command(const QStringList &words);
 
 private:
     void setInRange(Controller *controller, bool isInRange);
@@ -194,7 +194,7 @@ void Air::setInRange(Controller *controller, bool isInRange)
     }
 }
 
-void Air::order(const QStringList &words)
+void Air::command(const QStringList &words)
 {
     for (const auto &each : m_controllers) {
         Controller *controller = each.get();
@@ -238,7 +238,7 @@ void Air::onCommand(Controller *controller, int command, const QByteArray &param
                          QByteArray(1, UnknownConnection) + QByteArray(17, '\0'));
 }
 
-// Returns the status, and what was asked for.
+// Returns the return parameters: the status, and what was read.
 QByteArray Air::carryOut(Controller *controller, int command, const QByteArray &parameters)
 {
     const char first = parameters.isEmpty() ? '\0' : parameters.front();
@@ -286,7 +286,8 @@ QByteArray Air::carryOut(Controller *controller, int command, const QByteArray &
     case SetAdvertisingParameters:
         if (!controller->mayAdvertise)
             return QByteArray(1, InvalidParameters);
-        // As often as a light's maker would: what BlueZ asks for makes scans a matter of luck.
+        // Lights advertise more often than BlueZ does by default, and its rate lets scans miss
+        // them.
         controller->advertising.setInterval(qMin(100, numberAt(parameters, 0) * 5 / 8));
         break;
     case SetAdvertisingData:
@@ -407,7 +408,7 @@ void Air::onData(Controller *controller, const QByteArray &packet)
         log(QStringLiteral("%1 to %2: %3")
                     .arg(controller->name, link->ends[1 - from]->name,
                          QString::fromLatin1(packet.mid(8).toHex(' '))));
-    // The beginning of a message is marked in another way by a controller than by its host.
+    // The flag of a first fragment differs: 00 from host to controller, 10 from controller to host.
     QByteArray marked = packet;
     if (isBeginning)
         marked[1] = char(marked[1] | 0x20);
@@ -416,7 +417,7 @@ void Air::onData(Controller *controller, const QByteArray &packet)
         link->event.start(numberAt(link->timing, 0) * 5 / 4);
 }
 
-// A connection event: once in each interval, a few packets go each way.
+// A connection event: in each interval a few packets are sent in each direction.
 void Air::carry(Link *link)
 {
     if (!link->isInRange())
@@ -440,15 +441,15 @@ int main(int argc, char *argv[])
     const QStringList addresses = QCoreApplication::arguments().mid(1);
     for (const QString &address : addresses)
         air.add(address);
-    QSocketNotifier orders(STDIN_FILENO, QSocketNotifier::Read);
+    QSocketNotifier commands(STDIN_FILENO, QSocketNotifier::Read);
     QByteArray typed;
-    QObject::connect(&orders, &QSocketNotifier::activated, &air, [&] {
+    QObject::connect(&commands, &QSocketNotifier::activated, &air, [&] {
         char bytes[256];
         const auto size = read(STDIN_FILENO, bytes, sizeof(bytes));
-        orders.setEnabled(size > 0);
+        commands.setEnabled(size > 0);
         typed.append(bytes, qMax<qsizetype>(0, size));
         for (auto end = typed.indexOf('\n'); end >= 0; end = typed.indexOf('\n')) {
-            air.order(QString::fromLatin1(typed.left(end)).split(QLatin1Char(' ')));
+            air.command(QString::fromLatin1(typed.left(end)).split(QLatin1Char(' ')));
             typed.remove(0, end + 1);
         }
     });

@@ -18,7 +18,8 @@
 
 namespace {
 
-// Tells programs that they run among virtual lights, and which program to give orders to.
+// Set for the programs that run among virtual lights: this program, which sends the lights their
+// commands, and the bus on which they take them.
 constexpr char lightsVariable[] = "CORVELKX_LIGHTS";
 constexpr char busVariable[] = "CORVELKX_LIGHTS_BUS";
 
@@ -27,25 +28,25 @@ constexpr int cannotRun = 126;
 constexpr int notFound = 127;
 constexpr int signalBase = 128;
 
-volatile sig_atomic_t commandPid = 0;
+volatile sig_atomic_t childPid = 0;
 volatile sig_atomic_t earlySignal = 0;
 
-// A terminal signals the command by itself; what was sent to this process alone is handed on.
-// Either way this process stays until the command has ended.
-void handOn(int signal, siginfo_t *info, void *)
+// A terminal signals the child process by itself (si_code > 0), so only a signal that was sent to
+// this process alone is forwarded. Either way this process stays until the child has ended.
+void forwardSignal(int signal, siginfo_t *info, void *)
 {
     if (info->si_code > 0)
         return;
-    if (commandPid > 0)
-        kill(commandPid, signal);
+    if (childPid > 0)
+        kill(childPid, signal);
     else
         earlySignal = signal;
 }
 
-void handSignalsOn()
+void forwardSignals()
 {
     struct sigaction action = {};
-    action.sa_sigaction = handOn;
+    action.sa_sigaction = forwardSignal;
     action.sa_flags = SA_SIGINFO | SA_RESTART;
     for (const int signal : { SIGINT, SIGTERM, SIGHUP, SIGQUIT })
         sigaction(signal, &action, nullptr);
@@ -57,7 +58,7 @@ int complain(const QString &sentence, int status)
     return status;
 }
 
-QList<QMetaMethod> orders()
+QList<QMetaMethod> commands()
 {
     QList<QMetaMethod> all;
     const QMetaObject &meta = Control::staticMetaObject;
@@ -66,38 +67,57 @@ QList<QMetaMethod> orders()
     return all;
 }
 
-QString orderSummary()
+QString usage(const QMetaMethod &command)
 {
+    QString text = QString::fromLatin1(command.name());
+    for (const QByteArray &parameter : command.parameterNames())
+        text += QLatin1Char(' ') + QString::fromLatin1(parameter).toUpper();
+    return text;
+}
+
+// A line for each command; help2man recognises the layout as a list.
+QString commandList()
+{
+    constexpr int width = 24;
     QString text;
-    for (const QMetaMethod &order : orders()) {
-        text += QLatin1String("\n  ") + QString::fromLatin1(order.name());
-        for (const QByteArray &parameter : order.parameterNames())
-            text += QLatin1Char(' ') + QString::fromLatin1(parameter).toUpper();
+    const QMetaObject &meta = Control::staticMetaObject;
+    for (const QMetaMethod &command : commands()) {
+        const char *help = meta.classInfo(meta.indexOfClassInfo(command.name())).value();
+        const QString call = usage(command);
+        const QString gap = call.size() <= width - 2
+                                    ? QString(width - call.size(), QLatin1Char(' '))
+                                    : QLatin1Char('\n') + QString(width + 2, QLatin1Char(' '));
+        text += QLatin1String("\n  ") + call + gap + QLatin1String(help);
     }
     return text;
 }
 
-int giveOrder(const QStringList &words)
+int runControl(const QStringList &words)
 {
     if (words.isEmpty())
-        return complain(QStringLiteral("ctl needs an order:") + orderSummary(), usageError);
+        return complain(QStringLiteral("ctl needs a command:") + commandList(), usageError);
+    const auto all = commands();
+    const auto command = std::find_if(all.cbegin(), all.cend(), [&words](const QMetaMethod &m) {
+        return QLatin1String(m.name()) == words.first();
+    });
+    if (command == all.cend()) {
+        return complain(QStringLiteral("\"%1\" is not a command of ctl:").arg(words.first())
+                                + commandList(),
+                        usageError);
+    }
+    if (command->parameterCount() != words.size() - 1)
+        return complain(QStringLiteral("Usage: ctl %1").arg(usage(*command)), usageError);
     if (!qEnvironmentVariableIsSet(lightsVariable)) {
-        return complain(QStringLiteral("No virtual lights run here; give orders from inside "
+        return complain(QStringLiteral("No virtual lights run here; use ctl inside "
                                        "`corvelkx-lights -- COMMAND`."),
                         usageError);
     }
-    const auto all = orders();
-    const auto order = std::find_if(all.cbegin(), all.cend(), [&words](const QMetaMethod &m) {
-        return QLatin1String(m.name()) == words.first() && m.parameterCount() == words.size() - 1;
-    });
-    if (order == all.cend())
-        return complain(QStringLiteral("The orders are:") + orderSummary(), usageError);
 
     auto message = QDBusMessage::createMethodCall(Control::service, Control::path,
                                                   Control::interface, words.first());
-    for (int i = 0; i < order->parameterCount(); ++i) {
+    for (int i = 0; i < command->parameterCount(); ++i) {
         QVariant argument = words.at(i + 1);
-        if (!argument.convert(order->parameterMetaType(i)))
+        if (!argument.convert(command->parameterMetaType(i)))
             return complain(QStringLiteral("\"%1\" is not a number.").arg(words.at(i + 1)),
                             usageError);
         message << argument;
@@ -134,7 +154,7 @@ QList<Light> readLights(const QCommandLineParser &parser, bool isOnAir, QString 
     const QStringList descriptions = parser.values(QStringLiteral("light"));
     for (const QString &description : descriptions) {
         QString wrong;
-        // On the air the address is the adapter's.
+        // The address of a light on a real adapter is the adapter's own.
         const QString given = (isOnAir ? QStringLiteral("address=00:00:00:00:00:00,") : QString())
                               + description;
         lights.append(lightFromText(given, &wrong));
@@ -151,7 +171,7 @@ QList<Light> readLights(const QCommandLineParser &parser, bool isOnAir, QString 
     }
     if (lights.isEmpty() && error->isEmpty()) {
         lights = defaultLights();
-        if (isOnAir) // only the one that the single-device client looks for
+        if (isOnAir) // only the one that MYBLE looks for: most machines have one adapter
             lights.removeIf([](const Light &light) { return light.type != 3; });
     }
     return lights;
@@ -166,14 +186,14 @@ Options readOptions(const QCommandLineParser &parser, QString *error)
     options.isJson = parser.isSet(QStringLiteral("json"));
     options.isRealistic = parser.isSet(QStringLiteral("realistic"));
     if (options.isOnAir && options.isRealistic)
-        *error = QStringLiteral("--realistic is for lights that are not on the air.");
+        *error = QStringLiteral("--realistic and --air cannot be combined.");
     else if (!options.isOnAir && (options.isJson || !options.adapters.isEmpty()))
-        *error = QStringLiteral("--adapter and --json are for lights on the air; add --air.");
+        *error = QStringLiteral("--adapter and --json need --air.");
     else if (!options.isOnAir && options.command.isEmpty())
-        *error = QStringLiteral("There is no command to run; try --help.");
+        *error = QStringLiteral("There is no COMMAND to run; try --help.");
     options.lights = readLights(parser, options.isOnAir, error);
 
-    // What a Linux machine with a real adapter was seen to do.
+    // As measured on Linux with a real bluetoothd.
     if (options.isRealistic) {
         for (Light &light : options.lights) {
             light.latency = 1800;
@@ -192,7 +212,7 @@ int runCommand(const Options &options, const QString &busAddress)
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     if (!options.isOnAir) {
         environment.insert(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), busAddress);
-        // Else Qt would run this program to ask it for the version of bluetoothd.
+        // Otherwise Qt runs the owner of org.bluez, which is this program, with --version.
         environment.insert(QStringLiteral("BLUETOOTH_FORCE_DBUS_LE_VERSION"),
                            QStringLiteral("5.66"));
     }
@@ -205,32 +225,32 @@ int runCommand(const Options &options, const QString &busAddress)
     command.setChildProcessModifier(endWithParent);
 
     QObject::connect(&command, &QProcess::finished, qApp, [](int status, QProcess::ExitStatus how) {
-        commandPid = 0;
+        childPid = 0;
         QCoreApplication::exit(how == QProcess::NormalExit ? status : signalBase + status);
     });
-    handSignalsOn();
+    forwardSignals();
     command.start(words.first(), words.mid(1));
     if (!command.waitForStarted()) {
         return complain(QStringLiteral("%1 cannot be run: %2")
                                 .arg(words.first(), command.errorString()),
                         command.error() == QProcess::FailedToStart ? notFound : cannotRun);
     }
-    commandPid = static_cast<sig_atomic_t>(command.processId());
+    childPid = static_cast<sig_atomic_t>(command.processId());
     if (earlySignal)
-        kill(commandPid, earlySignal);
+        kill(childPid, earlySignal);
     return QCoreApplication::exec();
 }
 
-int playOnAir(const Options &options, QDBusConnection orders, const QString &busAddress)
+int playOnAir(const Options &options, QDBusConnection controlBus, const QString &busAddress)
 {
-    handSignalsOn(); // from here on there is something to put back
+    forwardSignals(); // from here on there is something to restore at the end
     AirLights lights(QDBusConnection::systemBus());
     const QString wrong = lights.start(options.lights, options.adapters);
     if (!wrong.isEmpty())
         return complain(wrong, EXIT_FAILURE);
     Control control(&lights);
-    orders.registerObject(Control::path, &control, QDBusConnection::ExportAllSlots);
-    orders.registerService(Control::service);
+    controlBus.registerObject(Control::path, &control, QDBusConnection::ExportAllSlots);
+    controlBus.registerService(Control::service);
     QObject::connect(&lights, &AirLights::failed,
                      [](const QString &sentence) { complain(sentence, EXIT_FAILURE); });
     const auto print = [&options](const Device &device, const QString &event,
@@ -294,11 +314,11 @@ int main(int argc, char *argv[])
     parser.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsPositionalArguments);
     parser.setApplicationDescription(
             QStringLiteral(
-                    "Runs COMMAND among virtual lights, on a bus of its own, and ends with its "
-                    "exit status.\nThe machine's own bus and adapter are touched with --air "
-                    "alone.\n\n"
-                    "From inside COMMAND, `corvelkx-lights ctl ORDER...` gives orders:")
-            + orderSummary());
+                    "Runs COMMAND among virtual lights, on a private D-Bus, and ends with the exit "
+                    "status of COMMAND.\nThe machine's own bus and adapter are used only with "
+                    "--air.\n\n"
+                    "Inside COMMAND, `corvelkx-lights ctl` takes these commands:\n")
+            + commandList());
     parser.addOption(
             { { QStringLiteral("h"), QStringLiteral("help") }, QStringLiteral("Show this help.") });
     parser.addVersionOption();
@@ -312,16 +332,18 @@ int main(int argc, char *argv[])
             { QStringLiteral("crowd"), QStringLiteral("Offer <count> lights of all types."),
               QStringLiteral("count") },
             { QStringLiteral("air"),
-              QStringLiteral("Play the lights on real adapters, one on each, for this and other "
-                             "machines; until interrupted where there is no COMMAND.") },
+              QStringLiteral("Play each light on a real adapter, for hosts on this and other "
+                             "machines; without a COMMAND, until interrupted.") },
             { QStringLiteral("adapter"),
               QStringLiteral("With --air: play on <name>, such as hci1; may be repeated."),
               QStringLiteral("name") },
             { QStringLiteral("json"),
-              QStringLiteral("With --air: print what happens as one JSON object a line.") },
+              QStringLiteral(
+                      "With --air: print each event as a JSON object on a line of its own.") },
             { QStringLiteral("realistic"),
-              QStringLiteral("Be as slow as a real adapter: 1.8 s to connect, 10 s more during a "
-                             "scan, 2 s to disconnect.") },
+              QStringLiteral("Behave like a real adapter: 1.8 s to connect, 10 s more during a "
+                             "scan, 2 s to disconnect; a restarted bluetoothd has forgotten "
+                             "advertisements.") },
     });
     parser.addPositionalArgument(QStringLiteral("COMMAND"), QStringLiteral("What to run."),
                                  QStringLiteral("-- COMMAND..."));
@@ -334,8 +356,8 @@ int main(int argc, char *argv[])
 
     const QStringList words = parser.positionalArguments();
     if (words.value(0) == QLatin1String("ctl")) {
-        const int status = giveOrder(words.mid(1));
-        // Qt's D-Bus thread outlives its own types for a moment in an orderly exit, and complains.
+        const int status = runControl(words.mid(1));
+        // In a normal exit Qt's D-Bus thread may outlive Qt's own static data, and warns.
         std::_Exit(status);
     }
 

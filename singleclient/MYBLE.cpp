@@ -20,8 +20,9 @@ MYBLE::MYBLE(QObject *parent)
 {
     connect(discoveryAgent, &QBluetoothDeviceDiscoveryAgent::deviceDiscovered, this,
             &MYBLE::deviceDiscovered);
-    // There is no controller yet, so that Qt refuses this with a warning and controller errors
-    // reach nobody. That is how this client has always been.
+    // There is no controller yet, so Qt refuses this connection with a warning, and handleError()
+    // is never called for controller errors. This is the expected behaviour of this client; keep
+    // it.
     connect(controller, &QLowEnergyController::errorOccurred, this, &MYBLE::handleError);
     discoveryAgent->start();
 }
@@ -102,7 +103,7 @@ void MYBLE::serviceDiscovered(const QBluetoothUuid &gatt)
 {
     qDebug() << " Enter serviceDiscovered ...  ! ";
     qDebug() << "gatt：" << gatt;
-    // The member is set before the details are asked for: on some platforms they come at once.
+    // Set the member first: on some platforms discoverDetails() emits signals synchronously.
     if (gatt == getKxServiceUuid()) {
         qDebug() << "发现gatt==KX_SERVICE_UUID，准备创建对象和连接信号";
         service = openService(gatt);
@@ -149,12 +150,12 @@ void MYBLE::serviceStateChanged(QLowEnergyService::ServiceState state)
     if (state != QLowEnergyService::RemoteServiceDiscovered)
         return;
     if (service && !writeCharacteristic.isValid())
-        bindMain();
+        findMainCharacteristic();
     if (serviceOrder && !writeCharacteristicOrder.isValid())
-        bindOrder();
+        findOrderCharacteristic();
 }
 
-void MYBLE::bindMain()
+void MYBLE::findMainCharacteristic()
 {
     const QList<QLowEnergyCharacteristic> characteristics = service->characteristics();
     for (const QLowEnergyCharacteristic &characteristic : characteristics) {
@@ -171,7 +172,7 @@ void MYBLE::bindMain()
     }
 }
 
-void MYBLE::bindOrder()
+void MYBLE::findOrderCharacteristic()
 {
     const QList<QLowEnergyCharacteristic> characteristics = serviceOrder->characteristics();
     for (const QLowEnergyCharacteristic &characteristic : characteristics) {
@@ -228,7 +229,7 @@ void MYBLE::sendMessageOrder(const QByteArray &data)
     if (!serviceOrder || !writeCharacteristicOrder.isValid()
         || !isWritable(writeCharacteristicOrder))
         return;
-    // Unlike sendMessage(), without response: that is how the light takes orders.
+    // Unlike sendMessage(), without response: the order service expects that.
     serviceOrder->writeCharacteristic(writeCharacteristicOrder, data,
                                       QLowEnergyService::WriteWithoutResponse);
     qDebug() << " 执行serviceOrder->writeCharacteristic完成发送. "

@@ -10,33 +10,32 @@
 #include <QObject>
 
 /*!
-    A client for one light: the one that advertises itself as "Corvel light(DM41)", exactly so.
+    A client for one light: the one whose advertised name is exactly "Corvel light(DM41)".
 
-    Constructing it starts a scan; the first light of that name is connected, both vendor services
-    are looked for, and what the light notifies comes as dataReceived(). It knows nothing of the
-    plugin or its manager.
+    The constructor starts a scan. The client connects the first light with that name, discovers its
+    two vendor services, and emits dataReceived() for each notification. It is independent of the
+    plugin.
 
-    \b Thread. Lives on the thread that creates it, which needs an event loop; call it there only.
+    \b Thread. Lives on the thread that creates it, which needs an event loop; call it only there.
     The UUID accessors may be called on any thread.
 
-    \b Ownership. Owned by its parent, or by whoever creates it without one. It may be destroyed at
-    any moment; that drops the link, and nothing is emitted any more.
+    \b Ownership. Owned by its parent, or by the caller if it has none. It may be destroyed at any
+    time; that disconnects the light, and nothing is emitted afterwards.
 
-    \b Order. Nothing has to be called first. A write succeeds only once the characteristic is bound
-    \e and its service's details are known. There is no signal for that, and earlier writes are lost
-    without a word: where the platform lists characteristics at once (Linux), they are bound when
-    the scan for services ends, while the details are still being read, and Qt refuses
-    (OperationError) and forgets a write in that time. The log line that tells of the discovered
-    state of the service is the sign.
+    \b Order. Nothing has to be called first. Writes succeed only after the service's details are
+    discovered. No signal tells that, and earlier writes are lost: on Linux the characteristics are
+    known when service discovery ends, while the details are still being read, and Qt refuses writes
+    until then (OperationError). The log line with the state RemoteServiceDiscovered shows that the
+    service is ready.
 
-    \b Failure. None is reported: a scan without success, a connection that fails, a refused write
-    and a lost link all end without a signal, and nothing is tried again. Destroy the client and
-    create a new one. A light that lacks one of the services serves with the other one.
+    \b Failure. None is reported: an unsuccessful scan, a failed connection, a refused write and a
+    lost link all end without a signal, and nothing is tried again. Destroy the client and create a
+    new one. A light with only one of the services can be used through that one.
 
-    \b What \b never \b comes. The client subscribes to no notifications: where the platform needs
-    that (Linux), dataReceived() is emitted only if somebody else did. The identification byte is
-    sent only where the main characteristic is bound by a change of its service's state, so not where
-    the end of the scan for services has bound it (Linux).
+    \b Limits. The client does not subscribe to notifications. On platforms that require it (Linux),
+    dataReceived() is emitted only if another program has subscribed. The identification byte is
+    sent only if serviceStateChanged() finds the main characteristic first; on Linux
+    serviceScanDone() does, so it is not sent.
 */
 class MYBLE : public QObject
 {
@@ -45,17 +44,17 @@ class MYBLE : public QObject
 public:
     /*! Creates the client and starts scanning. */
     explicit MYBLE(QObject *parent = nullptr);
-    /*! Drops the link, if there is one. */
+    /*! Disconnects the light if it is connected. */
     ~MYBLE() override;
 
     /*!
-        Writes \a data to the main service's characteristic, always with response. Nothing happens
-        where that is not bound or takes no writes.
+        Writes \a data to the main service's characteristic, always with response. Does nothing if
+        that is not known yet or not writable.
     */
     void sendMessage(const QByteArray &data);
     /*!
-        Writes \a data to the order service's characteristic, always without response. Nothing
-        happens where that is not bound or takes no writes.
+        Writes \a data to the order service's characteristic, always without response. Does nothing
+        if that is not known yet or not writable.
     */
     void sendMessageOrder(const QByteArray &data);
 
@@ -71,21 +70,21 @@ public:
     static const QBluetoothUuid &getKxBlockCharUuid();
 
 signals:
-    /*! The light notified \a data, on any characteristic of either service. */
+    /*! The light sent \a data in a notification of any characteristic of either service. */
     void dataReceived(const QByteArray &data);
 
 public slots:
-    // The steps of the connection sequence, connected to Qt's objects; a user of the class calls none of them.
+    // The steps of the connection sequence, connected to signals of Qt's objects. Do not call them.
 
     /*! Stops the scan and connects, if \a device has the light's name. */
     void deviceDiscovered(const QBluetoothDeviceInfo &device);
-    /*! Looks for the light's services. */
+    /*! Starts service discovery. */
     void deviceConnected();
-    /*! Opens the service \a gatt, if it is one of the two. */
+    /*! Discovers the details of the service \a gatt if it is one of the two. */
     void serviceDiscovered(const QBluetoothUuid &gatt);
-    /*! Binds what is not bound yet, once a service's details are known. */
+    /*! When a service's details are discovered, looks for the missing characteristics. */
     void serviceStateChanged(QLowEnergyService::ServiceState);
-    /*! Binds what is known already. */
+    /*! Looks for the characteristics at the end of service discovery. */
     void serviceScanDone();
     /*! Emits dataReceived() with \a value. */
     void updateCharacteristicValue(const QLowEnergyCharacteristic &, const QByteArray &value);
@@ -99,8 +98,8 @@ public slots:
 
 private:
     QLowEnergyService *openService(const QBluetoothUuid &gatt);
-    void bindMain();
-    void bindOrder();
+    void findMainCharacteristic();
+    void findOrderCharacteristic();
 
     QByteArray dataRecvd;
     QLowEnergyCharacteristic writeCharacteristic;

@@ -29,7 +29,7 @@ private:
 
 QBluetoothDeviceInfo deviceFrom(Bytes &bytes)
 {
-    // Random bytes alone would rarely begin as a light's do.
+    // Random bytes would rarely begin like a light's.
     static const QList<QByteArray> beginnings { "",         "\x3C",     "\x3C\x02", "\x3C\x01",
                                                 "\x3C\x01", "\x3C\x03", "\x3C\x03", "\x3C\x05" };
     const int shape = bytes.next();
@@ -38,7 +38,7 @@ QBluetoothDeviceInfo deviceFrom(Bytes &bytes)
         address = bytes.take(6).toHex().toULongLong(nullptr, 16);
     const QByteArray nameBytes = bytes.take(bytes.next() & ~1);
     QString name = shape & 2 ? QString::fromUtf8(nameBytes) : QString();
-    if (shape & 4) // lone halves of surrogate pairs among them
+    if (shape & 4) // any UTF-16, also lone surrogates
         name = QString(reinterpret_cast<const QChar *>(nameBytes.constData()),
                        nameBytes.size() / 2);
     if (shape & 8)
@@ -59,7 +59,7 @@ AdvertisementCheck::AdvertisementCheck()
 {
     QObject::connect(&m_manager, &BLEManager::sigDeviceDiscovered, &m_manager,
                      [this](int type, const QString &address, const QString &name) {
-                         m_sightings.append({ type, address, name });
+                         m_discoveries.append({ type, address, name });
                      });
 }
 
@@ -69,9 +69,9 @@ QString AdvertisementCheck::run(const QByteArray &bytes)
     QString wrong = receive(deviceFrom(rest));
     if (wrong.isEmpty())
         wrong = receive(deviceFrom(rest));
-    for (const Sighting &sighting : std::as_const(m_sightings))
-        m_manager.removeDevice(sighting.address);
-    m_sightings.clear();
+    for (const Discovery &discovery : std::as_const(m_discoveries))
+        m_manager.removeDevice(discovery.address);
+    m_discoveries.clear();
     m_log.take();
     QCoreApplication::sendPostedEvents();
     return wrong;
@@ -79,22 +79,22 @@ QString AdvertisementCheck::run(const QByteArray &bytes)
 
 QString AdvertisementCheck::receive(const QBluetoothDeviceInfo &device)
 {
-    const auto before = m_sightings.size();
+    const auto before = m_discoveries.size();
     QMetaObject::invokeMethod(&m_manager, "slotDeviceDiscovered", Qt::DirectConnection,
                               Q_ARG(QBluetoothDeviceInfo, device));
-    const auto count = m_sightings.size() - before;
-    // Whatever a name contains, the log keeps its lines, and moves no cursor.
+    const auto count = m_discoveries.size() - before;
+    // Whatever the name contains, it adds no line and no control character to the log.
     const QString log = m_log.take().join(u'\n');
     const auto lines = log.count(u'\n') + 1;
     if (count == 0 ? lines != 2 && lines != 5 : count > 1 || lines != 4)
-        return u"%1 sightings and %2 lines in the log"_s.arg(count).arg(lines);
+        return u"%1 discoveries and %2 lines in the log"_s.arg(count).arg(lines);
     if (std::any_of(log.cbegin(), log.cend(),
                     [](QChar c) { return c != u'\n' && c.category() == QChar::Other_Control; }))
         return u"control characters in the log"_s;
     if (count == 0)
         return {};
 
-    const auto &[type, address, name] = m_sightings.constLast();
+    const auto &[type, address, name] = m_discoveries.constLast();
     const QList<int> types { 1, 2, 3, 5, 6, 7, 162, 163, 1001 };
     if (!types.contains(type))
         return u"type %1"_s.arg(type);

@@ -7,7 +7,7 @@
 #include <QString>
 
 /*!
-    Hands the manager whatever bytes from nearby can make up, and says what it did wrong. For a
+    Hands the manager advertisements made from arbitrary bytes and checks what it reports. For the
     fuzzer and for random bytes; needs a QCoreApplication.
 */
 class AdvertisementCheck
@@ -16,11 +16,11 @@ public:
     AdvertisementCheck();
     Q_DISABLE_COPY_MOVE(AdvertisementCheck)
 
-    /*! Has \a bytes received as two advertisements; returns what is wrong, or nothing. */
+    /*! Makes two advertisements from \a bytes; returns what is wrong, or an empty text. */
     QString run(const QByteArray &bytes);
 
 private:
-    struct Sighting
+    struct Discovery
     {
         int type;
         QString address;
@@ -31,5 +31,5 @@ private:
 
     LogRecorder m_log;
     BLEManager m_manager;
-    QList<Sighting> m_sightings;
+    QList<Discovery> m_discoveries;
 };

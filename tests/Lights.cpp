@@ -38,7 +38,7 @@ QDBusMessage Lights::ask(const QString &name, const QVariantList &arguments)
     return QDBusConnection::systemBus().call(message(name, arguments));
 }
 
-QStringList Lights::order(const QString &name, const QVariantList &arguments)
+QStringList Lights::command(const QString &name, const QVariantList &arguments)
 {
     const QDBusMessage answer = ask(name, arguments);
     if (answer.type() != QDBusMessage::ReplyMessage)
@@ -49,30 +49,30 @@ QStringList Lights::order(const QString &name, const QVariantList &arguments)
 
 void Lights::set(const QString &address, const QString &key, const QString &value)
 {
-    order(u"set"_s, { address, key, value });
+    command(u"set"_s, { address, key, value });
 }
 
 void Lights::restore()
 {
-    order(u"adapter"_s, { u"return"_s });
-    order(u"adapter"_s, { u"on"_s });
+    command(u"adapter"_s, { u"return"_s });
+    command(u"adapter"_s, { u"on"_s });
     QVERIFY(waitUntilFree());
-    order(u"reset"_s);
+    command(u"reset"_s);
 }
 
 bool Lights::isConnected(const QString &address)
 {
-    return order(u"connected"_s).contains(address);
+    return command(u"connected"_s).contains(address);
 }
 
 bool Lights::waitUntilFree()
 {
-    return waitFor([this] { return order(u"connected"_s).isEmpty(); });
+    return waitFor([this] { return command(u"connected"_s).isEmpty(); });
 }
 
 QStringList Lights::payloads(const QString &address)
 {
-    QStringList payloads = order(u"written"_s, { address });
+    QStringList payloads = command(u"written"_s, { address });
     for (QString &payload : payloads)
         payload = payload.section(QLatin1Char(' '), 1);
     return payloads;

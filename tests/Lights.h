@@ -8,7 +8,7 @@
 
 #include <chrono>
 
-/*! A short time limit on a machine at rest; longer where its processors are busy. */
+/*! \a time, multiplied by the system's load if its CPUs are busy. */
 std::chrono::milliseconds scaled(std::chrono::milliseconds time);
 
 /*! The virtual lights that the test runs among. */
@@ -19,22 +19,22 @@ class Lights : public QObject
 public:
     Lights();
 
-    /*! The message that gives an order. */
+    /*! The D-Bus message for a command of `corvelkx-lights ctl`. */
     static QDBusMessage message(const QString &name, const QVariantList &arguments = {});
-    /*! Gives an order and returns the answer, on any thread. */
+    /*! Sends a command and returns the answer; may be called on any thread. */
     static QDBusMessage ask(const QString &name, const QVariantList &arguments = {});
-    /*! Gives an order and returns the lines of the answer; a refused order fails the test. */
-    QStringList order(const QString &name, const QVariantList &arguments = {});
+    /*! Sends a command and returns the lines of the answer; if it is refused, the test fails. */
+    QStringList command(const QString &name, const QVariantList &arguments = {});
     void set(const QString &address, const QString &key, const QString &value);
     bool isConnected(const QString &address);
     /*! Waits until no light is connected. */
     bool waitUntilFree();
-    /*! The same, and makes all as it was at first. */
+    /*! Restores adapter and lights, and waits until no light is connected. */
     void restore();
-    /*! "mode bytes" of each payload that the light was written, characteristics left out. */
+    /*! "mode bytes" of each payload that was written to the light. */
     QStringList payloads(const QString &address);
 
 private slots:
-    // Wakes the event loop of whoever waits for something to change over there.
+    // Only wakes the event loop, so that waitFor() checks its condition again.
     void onPropertiesChanged() { }
 };

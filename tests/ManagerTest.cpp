@@ -23,7 +23,7 @@ void ManagerTest::init()
 
 void ManagerTest::cleanup()
 {
-    // Qt goes on scanning for an agent that is deleted while it scans.
+    // Qt never ends a scan whose agent was deleted while scanning.
     if (m_manager)
         m_manager->stop();
     m_manager.reset();

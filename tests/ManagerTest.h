@@ -18,14 +18,14 @@ protected:
     static constexpr QLatin1String secured { "C0:FF:EE:00:00:03" }; //!< fff0 and f000ffc0
 
     void findLights();
-    /*! Returns when \a address is ready and has answered, with the log and the spies empty. */
+    /*! Connects \a address and waits for its first answer; then empties the log and the spies. */
     void connectLight(const QString &address);
-    /*! The controller that was made last. */
+    /*! The controller that was created last. */
     QLowEnergyController *controller() const { return controllers().constLast(); }
     QList<QLowEnergyController *> controllers() const;
     /*! The service of the only light whose UUID begins with \a prefix. */
     QLowEnergyService *service(const char *prefix) const;
-    /*! Deletes what was released to be deleted later. */
+    /*! Carries out pending deleteLater() calls. */
     static void deleteReleased();
     void clear();
 
@@ -38,8 +38,8 @@ protected:
     std::unique_ptr<QSignalSpy> m_received;
 
 private slots:
-    /*! Makes a manager that has found the nine lights and scans no more. */
+    /*! Makes a manager that has discovered the nine lights; the scan is stopped. */
     void init();
-    /*! Deletes it, and makes the lights as they were. */
+    /*! Deletes the manager and restores the lights. */
     void cleanup();
 };

@@ -13,7 +13,7 @@
 
 namespace {
 
-// Far more than anything takes, also under sanitizers on a busy machine.
+// Far more than any test needs, even under sanitizers on a busy machine.
 constexpr std::chrono::minutes waitLimit(2);
 
 } // namespace
@@ -49,7 +49,7 @@ void compareTrace(const QStringList &lines, const QString &name)
     QFile file(QStringLiteral(TRACE_DIR "/") + name);
     QVERIFY(file.open(QIODevice::ReadOnly));
     const QStringList expected = QString::fromUtf8(file.readAll()).split(u'\n', Qt::SkipEmptyParts);
-    if (lines != expected) // what to look at, or the file's new content
+    if (lines != expected) // the whole log, which may become the file's new content
         std::fputs(qPrintable(lines.join(u'\n') + u'\n'), stderr);
     QCOMPARE(lines, expected);
 }
@@ -66,7 +66,7 @@ LogRecorder::~LogRecorder()
 {
     qInstallMessageHandler(m_previous);
     s_instance = nullptr;
-    const QMutexLocker locker(&m_mutex); // behind whoever wrote last
+    const QMutexLocker locker(&m_mutex); // wait for a thread that is still recording
 }
 
 void LogRecorder::record(QtMsgType type, const QMessageLogContext &context, const QString &message)
@@ -82,7 +82,7 @@ void LogRecorder::record(QtMsgType type, const QMessageLogContext &context, cons
     locker.unlock();
     if (hook)
         hook(message);
-    // Somebody may be waiting for this line.
+    // waitFor() may be waiting for this line.
     QCoreApplication::postEvent(qApp, new QEvent(QEvent::User));
 }
 

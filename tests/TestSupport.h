@@ -7,19 +7,19 @@
 #include <functional>
 
 /*!
-    Runs the event loop, which blocks between events, until \a done holds; returns whether it did in
-    time. It is asked after each round of events, and every \a pollInterval milliseconds where what
-    it asks about sends no event here.
+    Runs the event loop until \a done returns true; returns whether that happened in time. \a done
+    is called after each event, and every \a pollInterval milliseconds if the change that it waits
+    for sends no event to this thread.
 */
 bool waitFor(const std::function<bool()> &done, int pollInterval = 0);
 
-/*! The seed in CORVELKX_SEED, or a random one; it is printed, so that a run can be repeated. */
+/*! The seed in CORVELKX_SEED, or a random one. Prints it, so that a run can be repeated. */
 quint32 randomSeed();
 
 /*! Fails the test unless \a lines are those of the file \a name in this directory. */
 void compareTrace(const QStringList &lines, const QString &name);
 
-/*! Records what is logged in the default category, on any thread, as long as it lives. */
+/*! Records the log of the default category, from all threads, while the object exists. */
 class LogRecorder
 {
 public:
@@ -30,9 +30,9 @@ public:
     QStringList lines() const;
     /*! The lines that contain \a text. */
     QStringList linesWith(const QString &text) const { return lines().filter(text); }
-    /*! The lines so far, which are forgotten. */
+    /*! The lines so far; the recorder then starts empty. */
     QStringList take();
-    /*! Has \a hook called for each line from now on, on the thread that logs it. */
+    /*! Calls \a hook for each further line, on the thread that logs it. */
     void setHook(const std::function<void(const QString &)> &hook);
 
 private:

@@ -1,5 +1,5 @@
-// Hosts that end while they are connecting lights, in each of the ways in which hosts end: run by
-// scripts/ends. And plugin objects that end while lights talk: for ThreadSanitizer.
+// A host that ends while it connects lights, in one of several ways; scripts/ends runs it. With
+// "lives N", N plugin objects that are deleted while lights talk, for ThreadSanitizer.
 #include "CorvelKXBleInterface.h"
 #include "CorvelKXHost.h"
 #include "Lights.h"
@@ -19,15 +19,15 @@ using Qt::StringLiterals::operator""_s;
 
 namespace {
 
-constexpr quint32 linesOfALife = 200; // with two lights and what they say
+constexpr quint32 longestLife = 200; // log lines, with two lights
 
-// How much the plugin may still log, on whatever thread.
+// Log lines until the plugin object is deleted; any thread may log.
 std::atomic_int linesLeft = 0;
 
 void countLine(QtMsgType, const QMessageLogContext &, const QString &)
 {
     --linesLeft;
-    QCoreApplication::postEvent(qApp, new QEvent(QEvent::User)); // somebody waits for it
+    QCoreApplication::postEvent(qApp, new QEvent(QEvent::User)); // wakes waitFor()
 }
 
 void require(bool isTrue, const char *sentence)
@@ -46,7 +46,7 @@ std::unique_ptr<CorvelKXBleInterface> makePlugin()
     return std::unique_ptr<CorvelKXBleInterface>(plugin);
 }
 
-// Connects all of \a wanted, which has to outlive the plugin.
+// Connects all of \a wanted, which must outlive the plugin object.
 void connectAll(CorvelKXBleInterface *plugin, QStringList *wanted)
 {
     QObject::connect(plugin, &CorvelKXBleInterface::sigDeviceDiscovered, plugin,
@@ -65,8 +65,8 @@ void live(int lives)
     qInstallMessageHandler(countLine);
     int talked = 0;
     for (int life = 0; life < lives; ++life) {
-        linesLeft = static_cast<int>(random.bounded(linesOfALife));
-        QStringList wanted = Lights().order(u"lights"_s).mid(0, 2);
+        linesLeft = static_cast<int>(random.bounded(longestLife));
+        QStringList wanted = Lights().command(u"lights"_s).mid(0, 2);
         const auto plugin = makePlugin();
         bool hasTalked = false;
         QObject::connect(plugin.get(), &CorvelKXBleInterface::sigDeviceConnected, plugin.get(),
@@ -80,15 +80,16 @@ void live(int lives)
                              plugin->sendMessage(address, data);
                          });
         connectAll(plugin.get(), &wanted);
-        require(waitFor([] { return linesLeft <= 0; }), "Nothing moves any more.");
-        // An agent that is deleted while it scans would scan on, and be in the way of the next one.
+        require(waitFor([] { return linesLeft <= 0; }), "The plugin logs nothing more.");
+        // Qt never ends a scan whose agent was deleted while scanning, and the next object needs
+        // one.
         linesLeft = 1;
         plugin->stop();
-        require(waitFor([] { return linesLeft <= 0; }), "The scan does not stop.");
+        require(waitFor([] { return linesLeft <= 0; }), "The plugin does not stop the scan.");
         talked += hasTalked;
     }
-    // Short lives and long ones, or nothing was tried.
-    require(talked > 0 && talked < lives, "No life was long, or none was short.");
+    // Some objects must end before a light talks and some after, or the run proves little.
+    require(talked > 0 && talked < lives, "Either all objects saw a light talk, or none did.");
     std::printf("%d lives, in %d of them a light talked.\n", lives, talked);
 }
 
@@ -109,7 +110,7 @@ int main(int argc, char *argv[])
     QTimer::singleShot(number, &app, &QCoreApplication::quit);
 
     if (way == u"return"_s || way == u"unload"_s) {
-        QStringList wanted = Lights().order(u"lights"_s);
+        QStringList wanted = Lights().command(u"lights"_s);
         auto plugin = makePlugin();
         connectAll(plugin.get(), &wanted);
         const int status = QCoreApplication::exec();
@@ -118,7 +119,7 @@ int main(int argc, char *argv[])
         return status;
     }
 
-    auto *host = new CorvelKX::Host; // "leave" lets it live to the end
+    auto *host = new CorvelKX::Host; // never deleted for "leave"
     const std::unique_ptr<CorvelKX::Host> owner(way == u"leave"_s ? nullptr : host);
     require(host->load(QStringLiteral(PLUGIN_FILE)), qPrintable(host->errorString()));
     QObject::connect(host, &CorvelKX::Host::lightAdded, &app,

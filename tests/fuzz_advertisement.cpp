@@ -1,4 +1,4 @@
-// libFuzzer's target: whatever a device nearby can advertise, handed to the manager.
+// The target of libFuzzer: hands the manager anything that a device nearby can advertise.
 #include "AdvertisementCheck.h"
 
 #include <QCoreApplication>

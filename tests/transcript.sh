@@ -1,6 +1,6 @@
 #!/bin/bash
-# transcript.sh FILE: runs each line of FILE that begins with "$ ", in a directory of its own, and compares
-# what is printed with what stands below it. "[N]" tells of an exit status other than 0.
+# transcript.sh FILE: runs each line of FILE that begins with "$ ", in a temporary directory, and compares the
+# output with the lines below it. "[N]" is an exit status other than 0.
 file=$(realpath "$1")
 directory=$(mktemp -d)
 trap 'rm -rf "$directory"' EXIT

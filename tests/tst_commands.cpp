@@ -10,7 +10,7 @@
 
 using Qt::StringLiterals::operator""_s;
 
-// The plugin's object among lights, as a host uses it.
+// What a host relies on, tested through the loaded plugin among virtual lights.
 class TestCommands : public QObject
 {
     Q_OBJECT
@@ -43,10 +43,10 @@ void TestCommands::commandsKeepTheirOrder()
     QCOMPARE(plugin->reconnectDevice(unknown), true);
     plugin->stop();
     plugin->bleInit();
-    plugin->stop(); // the second scanner, which is idle
+    plugin->stop(); // of the second, idle discovery agent
     QVERIFY(waitFor([&] { return log.linesWith(u"::stop] enter"_s).size() == 2; }));
     const QStringList lines = log.take();
-    // Two threads write them, each in its own order.
+    // Two threads write these lines, so compare the lines of each thread separately.
     compareTrace(lines.filter(QRegularExpression(u"^\\[BLEManager::st|unsupported"_s))
                          + lines.filter(QRegularExpression(u"^\\[CorvelKXBleDLL::\\w+Device\\]"_s)),
                  u"commands.trace"_s);

@@ -2,7 +2,7 @@
 
 using Qt::StringLiterals::operator""_s;
 
-// From the scan to the light that answers.
+// From the scan to the first answer of a light.
 class TestConnection : public ManagerTest
 {
     Q_OBJECT
@@ -21,37 +21,37 @@ void TestConnection::scan()
 {
     auto *agent = m_manager->findChild<QBluetoothDeviceDiscoveryAgent *>();
     QCOMPARE(agent->lowEnergyDiscoveryTimeout(), 20000);
-    QStringList told;
+    QStringList emitted;
     connect(m_manager.get(), &BLEManager::sigDeviceDiscoveredErrorOccurred, this,
-            [&](QBluetoothDeviceDiscoveryAgent::Error e) { told.append(QString::number(e)); });
+            [&](QBluetoothDeviceDiscoveryAgent::Error e) { emitted.append(QString::number(e)); });
     connect(m_manager.get(), &BLEManager::sigDeviceDiscoveredFinished, this,
-            [&] { told.append(u"finished"_s); });
+            [&] { emitted.append(u"finished"_s); });
 
     m_manager->stop();
     m_manager->start();
     QVERIFY(waitFor([this] { return m_discovered->size() == 9; }));
-    // Changed bytes are one more sighting, of the type that they tell.
-    m_lights.order(u"advertise"_s, { QString(plain), u"3c050000a70000"_s });
+    // Changed manufacturer data is reported again, with the new type.
+    m_lights.command(u"advertise"_s, { QString(plain), u"3c050000a70000"_s });
     QVERIFY(waitFor([this] { return m_discovered->size() == 10; }));
     QCOMPARE(m_discovered->constLast().constFirst().toInt(), 1001);
     m_manager->start();
     QVERIFY(agent->isActive());
     m_manager->stop();
     QVERIFY(!agent->isActive());
-    QCOMPARE(told, QStringList());
+    QCOMPARE(emitted, QStringList());
 
     agent->setLowEnergyDiscoveryTimeout(50);
     m_manager->start();
-    QVERIFY(waitFor([&] { return told == QStringList { u"finished"_s }; }));
+    QVERIFY(waitFor([&] { return emitted == QStringList { u"finished"_s }; }));
     agent->setLowEnergyDiscoveryTimeout(20000);
     for (const QString &fault : { u"off"_s, u"remove"_s }) {
-        told.clear();
-        m_lights.order(u"adapter"_s, { fault });
+        emitted.clear();
+        m_lights.command(u"adapter"_s, { fault });
         m_manager->start();
         const auto error = fault == u"off"_s ? QBluetoothDeviceDiscoveryAgent::PoweredOffError
                                              : QBluetoothDeviceDiscoveryAgent::InputOutputError;
         const QStringList expected { QString::number(error), u"finished"_s };
-        QVERIFY(waitFor([&] { return told == expected; }));
+        QVERIFY(waitFor([&] { return emitted == expected; }));
     }
     QStringList lines = m_log->take();
     lines.removeIf([](const QString &line) {
@@ -59,14 +59,14 @@ void TestConnection::scan()
     });
     compareTrace(lines, u"scan.trace"_s);
 
-    QCoreApplication::processEvents(); // Qt has to see what went before it returns
-    m_lights.order(u"adapter"_s, { u"return"_s });
+    QCoreApplication::processEvents(); // Qt must see the removal before the adapter returns
+    m_lights.command(u"adapter"_s, { u"return"_s });
     findLights();
 }
 
 void TestConnection::traceOfTwoLights()
 {
-    // The first sighting is what stays known.
+    // The first discovery is kept: the name in the trace below stays the old one.
     QBluetoothDeviceInfo renamed(QBluetoothAddress(plain), u"Corvel light(New)"_s, 0);
     renamed.setManufacturerData(1, QByteArray::fromHex("3c010000020000"));
     QMetaObject::invokeMethod(m_manager.get(), "slotDeviceDiscovered",
@@ -91,9 +91,9 @@ void TestConnection::allTypesAtOnce()
 {
     findLights();
     QList<QVariantList> expected;
-    for (const QVariantList &sighting : std::as_const(*m_discovered)) {
-        m_manager->connectToDevice(sighting.at(1).toString());
-        expected.append({ sighting.at(1), sighting.at(1).toByteArray() });
+    for (const QVariantList &discovery : std::as_const(*m_discovered)) {
+        m_manager->connectToDevice(discovery.at(1).toString());
+        expected.append({ discovery.at(1), discovery.at(1).toByteArray() });
     }
     QVERIFY(waitFor([this] { return m_connected->size() == 9; }));
     for (const QVariantList &message : std::as_const(expected))
@@ -123,9 +123,9 @@ void TestConnection::twoMainServices()
     QVERIFY(waitFor([this] { return !m_connected->isEmpty(); }));
     m_manager->sendMessage(both, "z");
     QVERIFY(waitFor([this] { return !m_received->isEmpty(); }));
-    // Details of both are discovered; the one that was reported last is used.
+    // Details of both are discovered; the service that was reported last is used.
     QCOMPARE(m_log->linesWith(u"contains uuid"_s).size(), 2);
-    QCOMPARE(m_lights.order(u"written"_s, { both }).value(0).left(8), u"0000fff2"_s);
+    QCOMPARE(m_lights.command(u"written"_s, { both }).value(0).left(8), u"0000fff2"_s);
     QCOMPARE(m_connected->size(), 1);
 }
 
@@ -134,7 +134,7 @@ void TestConnection::discoveredAgain()
     connectLight(secured);
     for (const char *prefix : { "f000ffc0", "0000fff0" })
         emit service(prefix)->stateChanged(QLowEnergyService::RemoteServiceDiscovered);
-    // The main service is bound anew, the authentication service is not.
+    // The main service is set up again, the authentication service is not.
     QCOMPARE(m_connected->size(), 1);
     QCOMPARE(m_log->linesWith(u"is eixist = true"_s).size(), 1);
     QCOMPARE(m_log->linesWith(u"[Auth] send deviceDiscovered"_s).size(), 1);
@@ -152,7 +152,7 @@ void TestConnection::withoutSender()
     invoke("slotControllerErrOccurred",
            Q_ARG(QLowEnergyController::Error, QLowEnergyController::ConnectionError));
     invoke("slotServiceDiscovered", Q_ARG(QBluetoothUuid, QBluetoothUuid(quint16(0xFFF0))));
-    for (const char *value : { "", "x" }) // of which only the second one is looked at
+    for (const char *value : { "", "x" }) // an empty value is dropped before the log line
         invoke("slotCharacteristicChanged",
                Q_ARG(QLowEnergyCharacteristic, QLowEnergyCharacteristic()),
                Q_ARG(QByteArray, QByteArray(value)));

@@ -41,7 +41,7 @@ QStringList methodsOf(const QMetaObject &meta)
     return methods;
 }
 
-// The virtual functions in the order of their declaration, which every compiler keeps.
+// The pure virtual functions in the order of declaration, which is that of the vtable.
 QStringList commandsOf(const QString &header)
 {
     QFile file(header);
@@ -57,7 +57,7 @@ QStringList commandsOf(const QString &header)
 
 } // namespace
 
-// What a host relies on, seen through the loader as a host sees it.
+// What a host relies on, tested through QPluginLoader as a host uses it.
 class TestContract : public QObject
 {
     Q_OBJECT
@@ -113,7 +113,7 @@ void TestContract::metadata()
     const auto *bytes = static_cast<const char *>(block.data);
     QCOMPARE(QByteArray(bytes, 3),
              QByteArray("\1").append(QT_VERSION_MAJOR).append(QT_VERSION_MINOR));
-    // Two entries end the block; the loader has read them above.
+    // The CBOR map ends here; the loader has checked its entries above.
     QVERIFY(block.size >= 57);
     QCOMPARE(bytes[56], '\xFF');
 }
@@ -127,7 +127,7 @@ void TestContract::declarations()
                          + methodsOf(BLEManager::staticMetaObject)
                          + methodsOf(MYBLE::staticMetaObject),
                  u"declarations.trace"_s);
-    // What is sent through a queue must be known by name, without the host's help.
+    // Queued calls need types that are registered by name without help from the host.
     const QMetaObject &manager = BLEManager::staticMetaObject;
     for (int i = manager.methodOffset(); i < manager.methodCount(); ++i) {
         for (int p = 0; p < manager.method(i).parameterCount(); ++p) {
@@ -147,7 +147,7 @@ void TestContract::oneInstance()
     QCOMPARE(object->parent(), nullptr);
     QCOMPARE(object->qt_metacast("org.example.CorvelKXBleInterface"), object);
 
-    // The next one may get the same memory, but not the same life.
+    // The next object may get the same address, so compare lifetimes.
     QSignalSpy destroyed(object, &QObject::destroyed);
     delete object;
     QCOMPARE(destroyed.size(), 1);
@@ -159,7 +159,7 @@ void TestContract::oneInstance()
 void TestContract::relay()
 {
     const auto plugin = create();
-    // Each slot hands its own arguments to the signal of the same number, and to no other one.
+    // Each slot emits the signal with the same index, with its own arguments, and no other.
     const QList<QVariantList> arguments {
         { 7, u"A"_s, u"n"_s },
         { QVariant::fromValue(QBluetoothDeviceDiscoveryAgent::PoweredOffError) },

@@ -26,7 +26,8 @@ constexpr int pollInterval = 50;
 const QString stopLine = u"[BLEManager::stop] enter..."_s;
 constexpr QLatin1String light("C0:FF:EE:00:00:03");
 
-// A moment of the connection sequence: the worker thread is just about to write this line of its log.
+// A step of the connection sequence, recognised by the log line that the worker thread writes
+// there.
 struct Step
 {
     const char *name;
@@ -43,7 +44,7 @@ constexpr Step steps[] = {
     { "ready and busy", "Received data:" },
 };
 
-struct Order
+struct Command
 {
     QString name;
     QVariantList arguments;
@@ -51,10 +52,9 @@ struct Order
 
 } // namespace
 
-// Everything that breaks, at each step of a connection: as a host of its own sees it through the
-// loaded plugin, with the commands that bring the light back; and as the library for hosts sees it,
-// which brings the light back without any help. The tables in the documentation say what is
-// expected.
+// Causes each fault at each step of a connection: once through the loaded plugin alone, where
+// commands reconnect the light, and once through CorvelKX::Host, which reconnects it by itself.
+// The expected results are read from the tables in the documentation.
 class TestFaults : public QObject
 {
     Q_OBJECT
@@ -63,8 +63,8 @@ private slots:
     void initTestCase();
     void keptAtStep_data() { faultAtStep_data(); }
     void keptAtStep();
-    void
-    faultAtStep_data(); // last, for a plugin destroyed while it scans ends no scan of this process
+    // Last: after a plugin was destroyed while it scanned, Qt never ends a scan of this process.
+    void faultAtStep_data();
     void faultAtStep();
     void cleanup();
 
@@ -72,10 +72,10 @@ private:
     struct Fault
     {
         const char *name;
-        Order begin;
-        Order end;
-        void (TestFaults::*hostAction)() = nullptr; // of the host, where nothing is ordered
-        bool isEvent = true;                        // as opposed to what the light is from then on
+        Command begin; // sent to the lights, unless the fault is a hostAction
+        Command end;
+        void (TestFaults::*hostAction)() = nullptr;
+        bool isEvent = true; // happens once; otherwise it lasts until the end command
     };
 
     static QList<Fault> faults();
@@ -100,7 +100,7 @@ private:
     void destroy();
 
     Lights m_lights;
-    QHash<QString, QStringList> m_expected; // by fault, in the order of the steps
+    QHash<QString, QStringList> m_expected; // by fault; one entry for each step
     QHash<QString, QStringList> m_expectedKept;
     std::unique_ptr<LogRecorder> m_log;
     std::unique_ptr<QPluginLoader> m_loader;
@@ -109,7 +109,7 @@ private:
     Fault m_fault { nullptr, {}, {} };
     std::atomic_bool m_isInjected = false;
     bool m_isDone = false;
-    bool m_isWanted = false; // connected as soon as it is seen
+    bool m_isWanted = false; // connect it as soon as it is discovered
     bool m_isReady = false;
     QStringList m_seen; // since the fault
     int m_disconnections = 0;
@@ -120,9 +120,9 @@ private:
 
 QList<TestFaults::Fault> TestFaults::faults()
 {
-    const auto event = [](const char *name, const QString &order, const QString &argument = light,
-                          const Order &end = {}) {
-        return Fault { name, { order, { argument } }, end };
+    const auto event = [](const char *name, const QString &command, const QString &argument = light,
+                          const Command &end = {}) {
+        return Fault { name, { command, { argument } }, end };
     };
     const auto setting = [](const char *name, const QString &key, const QString &value) {
         return Fault {
@@ -155,8 +155,8 @@ QList<TestFaults::Fault> TestFaults::faults()
         event("the adapter is off for a while", u"adapter"_s, u"off"_s,
               { u"adapter"_s, { u"on"_s } }),
         there("the adapter is away for a while", u"adapter"_s, u"remove"_s),
-        there("the daemon is away for a while", u"daemon"_s, u"leave"_s),
-        there("the daemon is killed, and started again", u"daemon"_s, u"kill"_s),
+        there("bluetoothd is away for a while", u"daemon"_s, u"leave"_s),
+        there("bluetoothd is killed and started again", u"daemon"_s, u"kill"_s),
         host("the host removes the device", &TestFaults::removeLight),
         host("the host connects again", &TestFaults::connectAgain),
         host("the host asks to reconnect", &TestFaults::reconnect),
@@ -185,7 +185,7 @@ void TestFaults::faultAtStep_data()
     QTest::addColumn<int>("fault");
     QTest::addColumn<int>("step");
     const auto all = faults();
-    // "1/3" for the second third: several of these can run side by side.
+    // To run in parallel: "1/3" takes every third fault, from the second one on.
     const QString shard = qEnvironmentVariable("CORVELKX_SHARD", u"0/1"_s);
     const int shards = shard.section(u'/', 1).toInt();
     for (int fault = shard.section(u'/', 0, 0).toInt(); fault < all.size(); fault += shards) {
@@ -210,7 +210,7 @@ void TestFaults::makePlugin()
     connect(m_plugin, &CorvelKXBleInterface::sigDeviceConnected, this, [=] {
         m_isReady = true;
         see(u"ready"_s);
-        // A payload for a link that is being replaced would be one fault more.
+        // While the host replaces the link, a payload would be a second fault.
         const int payloads = m_fault.hostAction && m_step != Busy ? 0 : 20;
         for (char i = 0; i < payloads; ++i)
             m_plugin->sendMessage(light, QByteArray(1, i));
@@ -233,7 +233,8 @@ void TestFaults::onDiscovered(const QString &address)
     m_plugin->connectToDevice(light);
 }
 
-// Runs inside the worker thread's own log line, so that the fault hits the step and nothing else.
+// Called while the worker thread writes its log line, so that the fault happens at exactly that
+// step.
 void TestFaults::inject(const QString &line)
 {
     if (m_isInjected || QThread::currentThread() == thread()
@@ -248,13 +249,14 @@ void TestFaults::inject(const QString &line)
     if (m_step == Busy)
         Lights::ask(u"burst"_s, { QString(light), 200, 20, 0 });
     if (m_fault.hostAction) {
-        // The worker thread goes on once the command is queued; destroying it must not wait for it.
+        // The worker thread continues once the command is queued. Destruction waits for that
+        // thread, so the thread must not wait for it.
         const bool isEnd = m_fault.hostAction == &TestFaults::destroy;
         QMetaObject::invokeMethod(this, &TestFaults::doHostAction,
                                   isEnd ? Qt::QueuedConnection : Qt::BlockingQueuedConnection);
     } else if (m_fault.isEvent && m_step == Connecting) {
-        QTimer::singleShot(0, QAbstractEventDispatcher::instance(),
-                           begin); // once the connection was asked for
+        // The log line comes before Qt sends the connection request.
+        QTimer::singleShot(0, QAbstractEventDispatcher::instance(), begin);
     } else {
         begin();
     }
@@ -302,7 +304,7 @@ void TestFaults::destroy()
     m_isReady = false;
 }
 
-// Returns when the worker thread has carried out all commands so far.
+// Returns when the worker thread has carried out all commands that were queued so far.
 void TestFaults::stopAndWait()
 {
     const auto before = m_log->linesWith(stopLine).size();
@@ -310,13 +312,12 @@ void TestFaults::stopAndWait()
     QVERIFY(waitFor([&] { return m_log->linesWith(stopLine).size() > before; }));
 }
 
-// Lets everything that is under way arrive, round after round through the daemon, the manager and
-// here, until nothing comes of it any more.
+// Makes round trips through the lights, the manager and this thread until the log no longer grows.
 void TestFaults::settle()
 {
     qsizetype known = -1;
     for (int quiet = 0; quiet < 10; ++quiet) {
-        m_lights.order(u"connected"_s);
+        m_lights.command(u"connected"_s);
         if (m_plugin)
             stopAndWait();
         QCoreApplication::processEvents();
@@ -326,7 +327,8 @@ void TestFaults::settle()
     }
 }
 
-// Whether the commands that \a way stands for bring the light back; nothing where none is needed.
+// Runs the commands that the table calls \a way (none if it is empty); returns whether the light
+// then answers.
 bool TestFaults::comesBackBy(const QString &way)
 {
     if (way == QLatin1String("new object")) {
@@ -368,17 +370,17 @@ QString TestFaults::withRepeats(const QStringList &events)
     return words.join(u", "_s);
 }
 
-// A new log and new lights, which break once the step is there.
+// Resets log and light, and arms the fault.
 void TestFaults::prepare()
 {
     QFETCH(int, fault);
     QFETCH(int, step);
     m_fault = faults().at(fault);
     m_step = step;
-    // A moment that lasts is the only one in which something can happen to it.
+    // The connection must last long enough for the fault to happen in it.
     const bool hangs = m_fault.isEvent && step == Connecting;
     m_lights.set(light, u"connect"_s, hangs ? u"hang"_s : u"accept"_s);
-    // As with a real adapter, a link that is let go lasts for longer than a new connection takes.
+    // As on a real adapter: disconnecting takes longer than connecting again.
     if (m_fault.hostAction && step != Connecting)
         m_lights.set(light, u"disconnectDelay"_s, u"200"_s);
     m_isInjected = false;
@@ -396,7 +398,7 @@ void TestFaults::prepare()
 void TestFaults::end()
 {
     if (!m_fault.end.name.isEmpty())
-        m_lights.order(m_fault.end.name, m_fault.end.arguments);
+        m_lights.command(m_fault.end.name, m_fault.end.arguments);
     m_lights.set(light, u"connect"_s, u"accept"_s);
 }
 
@@ -415,8 +417,8 @@ void TestFaults::faultAtStep()
     waitFor([&] { return withRepeats(m_seen) == expectedSeen; });
     settle();
     QCOMPARE(withRepeats(m_seen), expectedSeen);
-    // The host hears of each link that the system reports as ended, and of each attempt that failed
-    // for want of an adapter: no more, and nothing is lost.
+    // One sigDeviceDisconnected for each disconnection that the system reports and for each attempt
+    // without an adapter; none is lost and none is invented.
     const auto told = m_log->linesWith(u"::slotDeviceDisconnected, macAddr: \"%1\""_s.arg(light))
                               .size()
                       + m_log->linesWith(u"\"%1\" ,  QLowEnergyController::"
@@ -465,7 +467,7 @@ void TestFaults::keptAtStep()
             pause.setRemainingTime(pollInterval);
         return m_received.contains(payload);
     };
-    // The fault lasts until it was noticed, or the light works all the same.
+    // End the fault when the library noticed it, or when the light answers in spite of it.
     QVERIFY(waitFor([&] { return !m_reasons.isEmpty() || answers("probe"); }, pollInterval));
     const QString reason = m_reasons.value(0, u"None"_s);
     end();
@@ -481,7 +483,7 @@ void TestFaults::cleanup()
     m_host.reset();
     if (QTest::currentTestFailed() && m_log)
         std::fputs(qPrintable(m_log->lines().join(u'\n') + u'\n'), stderr);
-    // A scan that goes on when its scanner is deleted is never ended by Qt.
+    // Qt never ends a scan whose agent was deleted while scanning.
     if (m_plugin)
         stopAndWait();
     destroy();

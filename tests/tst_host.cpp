@@ -16,8 +16,7 @@ using CorvelKX::LightModel;
 using Qt::StringLiterals::operator""_s;
 using namespace std::chrono_literals;
 
-// What the library for hosts promises. That it brings lights back after every fault is tried where
-// the faults are.
+// What CorvelKX::Host promises. tst_faults tests that it reconnects lights after every fault.
 class TestHost : public QObject
 {
     Q_OBJECT
@@ -44,13 +43,13 @@ private:
     Lights m_lights;
     std::unique_ptr<Host> m_host;
     Light *m_light = nullptr;
-    QList<Light::State> m_states; // of that light
+    QList<Light::State> m_states; // of m_light
 };
 
 void TestHost::init()
 {
     m_host = std::make_unique<Host>();
-    // Whatever takes a limit to notice takes it soon.
+    // Short limits, so that time-outs come soon.
     m_host->setTimes({ scaled(500ms), 4s, scaled(300ms), 20ms, 100ms, 0ms, 300ms, 20ms });
     QVERIFY(m_host->load(QStringLiteral(PLUGIN_FILE)));
     m_light = m_host->light(address);
@@ -70,12 +69,12 @@ void TestHost::cleanup()
 
 bool TestHost::isScanning()
 {
-    return m_lights.order(u"report"_s).constFirst().contains(u"\"scanning\":true"_s);
+    return m_lights.command(u"report"_s).constFirst().contains(u"\"scanning\":true"_s);
 }
 
 int TestHost::callsOf(const QString &method)
 {
-    const QString line = m_lights.order(u"calls"_s).filter(method).value(0);
+    const QString line = m_lights.command(u"calls"_s).filter(method).value(0);
     return line.section(u' ', 1).toInt();
 }
 
@@ -89,7 +88,7 @@ void TestHost::connectOnce()
     using State = Light::State;
     QVERIFY(!m_light->send("too early"));
     m_light->connectToDevice();
-    m_light->connectToDevice(); // which it is doing
+    m_light->connectToDevice(); // no second attempt
     QVERIFY(becomes(m_light, State::Ready));
     QVERIFY(m_light->send("hello"));
     QVERIFY(waitFor([this] { return m_light->receivedCount() == 1; }));
@@ -101,10 +100,10 @@ void TestHost::connectOnce()
              QList<State>({ State::Connecting, State::Ready, State::Disconnecting, State::Seen }));
     QCOMPARE(callsOf(u".Connect"_s), 1);
 
-    // A light that was not to be kept stays where it fell.
+    // Without setKeepConnected(), a lost light is not reconnected.
     m_light->connectToDevice();
     QVERIFY(becomes(m_light, State::Ready));
-    m_lights.order(u"drop"_s, { QString(address) });
+    m_lights.command(u"drop"_s, { QString(address) });
     QVERIFY(becomes(m_light, State::Seen));
     QCOMPARE(m_light->reason(), Light::Reason::LinkLost);
 
@@ -135,14 +134,14 @@ void TestHost::whatIsWrong()
     QCOMPARE(m_light->reason(), Light::Reason::TimedOut);
     QVERIFY(m_light->reasonString().contains(address));
 
-    m_lights.order(u"adapter"_s, { u"off"_s });
+    m_lights.command(u"adapter"_s, { u"off"_s });
     m_lights.set(address, u"connect"_s, u"accept"_s);
     m_light->connectToDevice();
     QVERIFY(becomes(m_light, Light::State::Seen));
     QCOMPARE(m_light->reason(), Light::Reason::BluetoothFailed);
     QCOMPARE(m_host->error(), Host::Error::AdapterOff);
     QCOMPARE(m_light->reasonString(), m_host->errorString());
-    m_lights.order(u"adapter"_s, { u"on"_s });
+    m_lights.command(u"adapter"_s, { u"on"_s });
     m_light->connectToDevice();
     QVERIFY(becomes(m_light, Light::State::Ready));
     QCOMPARE(m_host->error(), Host::Error::NoError);
@@ -150,8 +149,8 @@ void TestHost::whatIsWrong()
 
 void TestHost::fewAtATime()
 {
-    // None of them ever answers, so that each attempt holds up others until it is taken for settled.
-    const QStringList addresses = m_lights.order(u"lights"_s).mid(0, 9);
+    // The lights never answer, so each attempt delays the others until Times::settling is over.
+    const QStringList addresses = m_lights.command(u"lights"_s).mid(0, 9);
     for (const QString &each : addresses) {
         m_lights.set(each, u"connect"_s, u"hang"_s);
         m_host->light(each)->setKeepConnected(true);
@@ -162,13 +161,13 @@ void TestHost::fewAtATime()
             count += light->state() == Light::State::Connecting;
         return count;
     };
-    m_lights.order(u"reset"_s); // of the calls
+    m_lights.command(u"reset"_s); // sets the call counts to 0
     for (const QString &each : addresses)
         m_lights.set(each, u"connect"_s, u"hang"_s);
     QVERIFY(waitFor([&] { return callsOf(u".Connect"_s) == 3; }, 5));
     QVERIFY(connecting() >= 3);
     QVERIFY(!isScanning());
-    // The others have their turn all the same.
+    // The other lights are tried in spite of the hanging attempts.
     QVERIFY(waitFor([&] { return callsOf(u".Connect"_s) >= 9; }, 5));
     for (const QString &each : addresses)
         m_lights.set(each, u"connect"_s, u"accept"_s);
@@ -204,7 +203,7 @@ void TestHost::connectAgainWhileDisconnecting()
     QVERIFY(!m_light->keepsConnected());
     m_light->connectToDevice();
     QVERIFY(becomes(m_light, Light::State::Ready));
-    // Not before the old link was down, or the new one would go with it.
+    // The new attempt waited for the end of the old link, which would have closed both.
     QCOMPARE(m_states.first(), Light::State::Disconnecting);
     QCOMPARE(callsOf(u".Disconnect"_s), 1);
     m_light->send("still there");
@@ -213,17 +212,17 @@ void TestHost::connectAgainWhileDisconnecting()
 
 void TestHost::unkeep()
 {
-    m_lights.order(u"adapter"_s, { u"off"_s });
+    m_lights.command(u"adapter"_s, { u"off"_s });
     m_light->setKeepConnected(true);
     QVERIFY(becomes(m_light, Light::State::Waiting));
     m_light->setKeepConnected(false);
     QCOMPARE(m_light->state(), Light::State::Unseen);
-    m_lights.order(u"adapter"_s, { u"on"_s });
+    m_lights.command(u"adapter"_s, { u"on"_s });
     m_light->setKeepConnected(true);
     QVERIFY(becomes(m_light, Light::State::Ready));
     m_light->setKeepConnected(false);
     QVERIFY(m_light->isReady());
-    m_lights.order(u"drop"_s, { QString(address) });
+    m_lights.command(u"drop"_s, { QString(address) });
     QVERIFY(becomes(m_light, Light::State::Seen));
 }
 
@@ -245,10 +244,10 @@ void TestHost::closing()
     QVERIFY(waitFor([&] { return closed.size() == 1; }));
     QCOMPARE(closed.at(0).at(0).toStringList(), QStringList { slow->address() });
     QVERIFY(!m_light->isReady());
-    m_light->setKeepConnected(true); // nothing can be asked for any more
+    m_light->setKeepConnected(true); // has no effect after close()
     QCOMPARE(m_light->state(), Light::State::Seen);
 
-    // The next one begins anew, and deleting it is enough to let the light go.
+    // A new host works, and deleting it disconnects its lights.
     QVERIFY(m_lights.waitUntilFree());
     init();
     m_light->setKeepConnected(true);
@@ -270,14 +269,14 @@ void TestHost::model()
     QCOMPARE(shown(LightModel::ProtocolType), QString());
     m_light->connectToDevice();
     QVERIFY(becomes(m_light, Light::State::Ready));
-    m_light->send("hello"); // its answer tells that the notifications are on
+    m_light->send("hello"); // its answer shows that the host is subscribed
     QVERIFY(waitFor([&] { return shown(LightModel::ReceivedCount) == u"1"_s; }));
     QCOMPARE(model.rowCount(), 9);
     QCOMPARE(shown(LightModel::Name), u"Corvel light(DM41)"_s);
     QCOMPARE(shown(LightModel::State), u"ready"_s);
-    // A thousand messages are told of in batches.
+    // A thousand messages are reported in far fewer model changes.
     changed.clear();
-    m_lights.order(u"burst"_s, { QString(address), 1000, 20, 0 });
+    m_lights.command(u"burst"_s, { QString(address), 1000, 20, 0 });
     QVERIFY(waitFor([&] { return shown(LightModel::ReceivedCount) == u"1001"_s; }));
     QVERIFY(waitFor([&] { return !changed.isEmpty(); }));
     QVERIFY(changed.size() < 100);

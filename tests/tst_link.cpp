@@ -6,8 +6,8 @@ using Qt::StringLiterals::operator""_s;
 
 using Error = QLowEnergyController::Error;
 
-// How a link ends and what follows. Linux rarely reports the errors that arm a reconnection, so
-// that they are emitted here in the controller's name.
+// How a link ends and what follows. Linux rarely reports the errors after which the manager
+// reconnects, so the tests emit the controller's signals themselves.
 class TestLink : public ManagerTest
 {
     Q_OBJECT
@@ -33,11 +33,11 @@ private:
 void TestLink::drop(const QString &address)
 {
     const auto before = m_disconnected->size();
-    m_lights.order(u"drop"_s, { address });
+    m_lights.command(u"drop"_s, { address });
     QVERIFY(waitFor([&] { return m_disconnected->size() > before; }));
 }
 
-// A connection that is under way for as long as the test wants.
+// Starts a connection attempt that never completes.
 void TestLink::connectWithoutEnd()
 {
     m_lights.set(secured, u"connect"_s, u"hang"_s);
@@ -49,15 +49,15 @@ void TestLink::dropAndReconnect()
 {
     connectLight(secured);
     drop(secured);
-    compareTrace(m_log->take().mid(2), u"drop.trace"_s); // after what the services say
+    compareTrace(m_log->take().mid(2), u"drop.trace"_s); // without the two services' lines
     deleteReleased();
     QVERIFY(controllers().isEmpty());
     QCOMPARE(m_manager->reconnectDevice(secured), true);
     QVERIFY(waitFor([this] { return m_connected->size() == 1; }));
-    // Each link begins with the authentication byte.
+    // The authentication byte is sent on each link.
     QVERIFY(waitFor([this] { return m_lights.payloads(secured).count(u"request 5c"_s) == 2; }));
 
-    // While the manager is reconnecting by itself, it is left alone.
+    // A request to reconnect is ignored while the manager reconnects by itself.
     m_lights.set(secured, u"connect"_s, u"hang"_s);
     fail(QLowEnergyController::ConnectionError);
     QVERIFY(waitFor([this] { return m_disconnected->size() == 2; }));
@@ -85,7 +85,7 @@ void TestLink::removal()
     QCOMPARE(m_log->take(),
              QStringList({ u"\"connectToDevice() error, device unsupported, mac address: "
                            "C0:FF:EE:00:00:03\""_s }));
-    // Seen again, it is as new.
+    // After another discovery it can be connected again.
     findLights();
     m_manager->connectToDevice(secured);
     QVERIFY(waitFor([this] { return m_connected->size() == 1; }));
@@ -95,7 +95,7 @@ void TestLink::removal()
 void TestLink::removalWhileReconnecting()
 {
     connectLight(secured);
-    // The link ends a moment after it was asked to; the removal comes in between.
+    // Disconnecting takes a while; remove the light in the meantime.
     m_lights.set(secured, u"disconnectDelay"_s, u"50"_s);
     fail(QLowEnergyController::RemoteHostClosedError);
     m_manager->removeDevice(secured);
@@ -115,14 +115,14 @@ void TestLink::errorArmsOrEndsAnEpisode()
         const bool arms = error == QLowEnergyController::ConnectionError
                           || error == QLowEnergyController::RemoteHostClosedError;
         connectWithoutEnd();
-        if (!arms) // there is an episode to end
+        if (!arms) // begin an episode, which the error then ends
             fail(QLowEnergyController::ConnectionError);
         fail(error);
         errors += m_log->linesWith(u"error with device"_s).constLast();
         const QPointer<QLowEnergyController> failed = controller();
         deleteReleased();
         QVERIFY(failed);
-        // The disconnection decides.
+        // The error alone changes nothing for the host; the disconnection that follows does.
         QCOMPARE(m_disconnected->size(), 0);
         emit failed->disconnected();
         QCOMPARE(m_disconnected->size(), 1);
@@ -137,7 +137,7 @@ void TestLink::fourFailuresInARow()
 {
     connectWithoutEnd();
     for (int failure = 1; failure <= 5; ++failure) {
-        if (failure == 5) { // a new episode begins from nothing
+        if (failure == 5) { // the first episode is over: a new one counts from 1
             m_manager->connectToDevice(secured);
             m_log->take();
         }
@@ -145,7 +145,7 @@ void TestLink::fourFailuresInARow()
         emit failing->errorOccurred(QLowEnergyController::ConnectionError);
         emit failing->disconnected();
         QCOMPARE(m_disconnected->size(), failure);
-        // The failed one is still there, to be deleted later.
+        // The failed controller is deleted later, not while it emits.
         QVERIFY(controllers().contains(failing));
         deleteReleased();
         QCOMPARE(controllers().size(), failure == 4 ? 0 : 1);
@@ -179,11 +179,11 @@ void TestLink::adapterErrorReconnectsAtOnce()
     QCOMPARE(m_disconnected->size(), 1);
     QCOMPARE(attempts().size(), 1);
     QVERIFY(controller() != failed);
-    // The host's own request replaces the attempt, too.
+    // A request of the host also replaces the attempt.
     const QPointer<QLowEnergyController> replaced = controller();
     m_manager->connectToDevice(secured);
 
-    // What released controllers report late leads nowhere.
+    // Late signals of released controllers have no effect.
     m_log->take();
     for (QLowEnergyController *released : { failed.data(), replaced.data() }) {
         emit released->connected();
@@ -207,10 +207,10 @@ void TestLink::serviceErrors()
     QVERIFY(waitFor([this] { return m_received->size() == 1; }));
     fail(QLowEnergyController::ConnectionError);
     emit main->errorOccurred(QLowEnergyService::CharacteristicReadError);
-    // The host is not told, but an armed episode goes on.
+    // The host gets no signal, but the reconnection begins.
     QCOMPARE(m_disconnected->size(), 0);
     QCOMPARE(attempts().size(), 1);
-    // By now the service belongs to no light: its errors lead nowhere.
+    // The service no longer belongs to a light: further errors have no effect.
     emit main->errorOccurred(QLowEnergyService::OperationError);
     QCOMPARE(m_log->lines().constLast(), u"[BLEManager::doDeviceDisconnected] \"\""_s);
     compareTrace(m_log->linesWith(u"service errorOccurred"_s), u"service-errors.trace"_s);
@@ -220,9 +220,9 @@ void TestLink::destruction()
 {
     connectLight(plain);
     connectLight(secured);
-    m_lights.order(u"drop"_s, { QString(plain) });
+    m_lights.command(u"drop"_s, { QString(plain) });
     QVERIFY(waitFor([this] { return m_disconnected->size() == 1; }));
-    connectLight(plain); // a service object of the first link is still there
+    connectLight(plain); // the service object of its first link still exists
     const auto children = m_manager->findChildren<QObject *>(Qt::FindDirectChildrenOnly);
     QHash<QObject *, int> deaths;
     int told = 0;
@@ -231,8 +231,8 @@ void TestLink::destruction()
         deaths.insert(child, 0);
         connect(child, &QObject::destroyed, &context, [&](QObject *dead) { ++deaths[dead]; });
     }
-    // As some platforms do it: the end of the link is reported from inside the controller's
-    // destructor, here as soon as that begins to close the link.
+    // Some platforms report the disconnection from inside the controller's destructor. Emit the
+    // same signals when the destructor changes the controller's state.
     const auto services = m_manager->findChildren<QLowEnergyService *>();
     for (QLowEnergyController *controller : controllers()) {
         connect(controller, &QLowEnergyController::stateChanged, &context, [&, controller] {

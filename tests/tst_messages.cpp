@@ -36,19 +36,19 @@ void TestMessages::notifications()
 {
     connectLight(secured);
     connectLight(plain);
-    // Sizes up to what a characteristic can hold, and empty ones, which nobody hears of.
+    // Sizes up to the longest value of a characteristic; empty ones are dropped.
     QList<QByteArray> expected;
     for (const int size : { 0, 1, 512, 0, 2 }) {
         QByteArray value(size, '\0');
         for (int i = 0; i < size; ++i)
             value[i] = static_cast<char>(i * 7);
-        m_lights.order(u"notify"_s, { QString(secured), QString::fromLatin1(value.toHex()) });
+        m_lights.command(u"notify"_s, { QString(secured), QString::fromLatin1(value.toHex()) });
         if (size > 0)
             expected.append(value);
     }
     constexpr qsizetype count = 10000;
     for (const QLatin1String address : { secured, plain })
-        m_lights.order(u"burst"_s, { QString(address), int(count), 20, 0 });
+        m_lights.command(u"burst"_s, { QString(address), int(count), 20, 0 });
     const auto sizes = expected.size();
     QVERIFY(waitFor([&] { return m_received->size() == sizes + 2 * count; }));
     QCOMPARE(receivedFrom(secured).mid(0, sizes), expected);
@@ -64,13 +64,13 @@ void TestMessages::notifications()
 void TestMessages::notificationsDuringTearDown()
 {
     connectLight(secured);
-    m_lights.order(u"burst"_s, { QString(secured), 10000, 20, 0 });
+    m_lights.command(u"burst"_s, { QString(secured), 10000, 20, 0 });
     QVERIFY(waitFor([this] { return m_received->size() >= 100; }));
     m_manager->removeDevice(secured);
     QVERIFY(waitFor([this] { return !m_disconnected->isEmpty(); }));
     const auto received = m_received->size();
     m_manager->sendMessage(secured, "x");
-    findLights(); // whatever is still on its way has its time
+    findLights(); // gives late notifications time to arrive
     QCOMPARE(m_received->size(), received);
 }
 
@@ -109,7 +109,7 @@ void TestMessages::anyCharacteristicOfTheMainService()
         for (const QLowEnergyCharacteristic &characteristic : characteristics)
             emit service(prefix)->characteristicChanged(characteristic, "n");
     }
-    // Those of the authentication service are not passed on.
+    // Notifications of the authentication service are not passed on.
     QCOMPARE(m_received->size(), 2);
     compareTrace(m_log->take(), u"notifications.trace"_s);
 }
@@ -154,17 +154,17 @@ void TestMessages::lightsThatAreNotReady()
     sendInSilence(secured);
     m_manager->connectToDevice(secured);
     QVERIFY(waitFor([this] { return !m_log->linesWith(u"slotDiscoveryFinished"_s).isEmpty(); }));
-    sendInSilence(secured); // the service is there, and not bound
+    sendInSilence(secured); // the service is discovered, its characteristics are not
     QVERIFY(waitFor([this] { return !m_log->linesWith(u"descriptorWritten"_s).isEmpty(); }));
     sendInSilence(QString(secured).toLower());
 
-    m_lights.order(u"vanish"_s, { QString(secured) });
+    m_lights.command(u"vanish"_s, { QString(secured) });
     QVERIFY(waitFor([this] { return m_log->linesWith(u"InvalidService"_s).size() == 2; }));
     m_manager->sendMessage(secured, "x");
     QCOMPARE(m_log->take().constLast(),
              u"[BLEManager::sendMessage] characteristic faild. mac address: "
              "\"C0:FF:EE:00:00:03\""_s);
-    m_lights.order(u"drop"_s, { QString(secured) });
+    m_lights.command(u"drop"_s, { QString(secured) });
     QVERIFY(waitFor([this] { return !m_disconnected->isEmpty(); }));
     sendInSilence(secured);
 }
@@ -184,12 +184,12 @@ void TestMessages::authenticationMessage()
     send(QByteArray::fromHex("00ff"));
     QVERIFY(waitFor([this] { return m_lights.payloads(secured).size() == 2; }));
     QCOMPARE(m_lights.payloads(secured), QStringList({ u"request 5c"_s, u"request 00ff"_s }));
-    m_lights.order(u"vanish"_s, { QString(secured) });
+    m_lights.command(u"vanish"_s, { QString(secured) });
     QVERIFY(waitFor([this] { return m_log->linesWith(u"InvalidService"_s).size() == 2; }));
     send("x");
-    m_lights.order(u"drop"_s, { QString(secured) });
+    m_lights.command(u"drop"_s, { QString(secured) });
     QVERIFY(waitFor([this] { return !m_disconnected->isEmpty(); }));
-    send("x"); // nothing of the link is left
+    send("x"); // the entries of the link are gone
     compareTrace(m_log->linesWith(u"sendAuthMessage]"_s), u"authentication.trace"_s);
 }
 

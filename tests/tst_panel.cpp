@@ -24,7 +24,7 @@ const QString second = u"C0:FF:EE:00:00:A2"_s;
 constexpr int state = LightsModel::State;
 constexpr int received = LightsModel::ReceivedCount;
 
-// The control of that name, as a screen reader finds it.
+// Finds a control by its accessible name, as a screen reader does.
 template<typename Control = QWidget>
 Control *find(const QString &name)
 {
@@ -67,7 +67,7 @@ void type(const QString &edit, const QString &text)
 
 } // namespace
 
-// What the window promises to who uses it, by mouse and keyboard.
+// Uses the window with mouse and keyboard.
 class TestPanel : public QObject
 {
     Q_OBJECT
@@ -104,7 +104,7 @@ class TestPanel : public QObject
 private slots:
     void init()
     {
-        qputenv("XDG_CONFIG_HOME", m_directory.path().toLocal8Bit()); // for the settings
+        qputenv("XDG_CONFIG_HOME", m_directory.path().toLocal8Bit()); // not the user's settings
         m_window = std::make_unique<MainWindow>(QString());
         m_table = find<QTableView>(u"Lights"_s);
         m_window->show();
@@ -115,11 +115,11 @@ private slots:
     void cleanup()
     {
         QSignalSpy finished(m_window.get(), &MainWindow::finished);
-        QApplication::setActiveWindow(m_window.get()); // no window manager does, after a dialog
+        QApplication::setActiveWindow(m_window.get()); // no window manager does so after a dialog
         QTest::keyClick(m_window.get(), Qt::Key_Q, Qt::ControlModifier);
         QVERIFY(waitFor([&] { return finished.size() == 1; }));
         QCOMPARE(finished.at(0).at(0).toInt(), EXIT_SUCCESS);
-        QVERIFY(m_lights.order(u"connected"_s).isEmpty());
+        QVERIFY(m_lights.command(u"connected"_s).isEmpty());
         m_window.reset();
         m_lights.restore();
     }
@@ -127,7 +127,7 @@ private slots:
     void fromScanToForget()
     {
         click(u"Stop"_s);
-        QTest::keyClick(m_window.get(), Qt::Key_F5); // all are announced again, and are no others
+        QTest::keyClick(m_window.get(), Qt::Key_F5); // finds the same lights again
         QVERIFY(waitFor([this] { return cell(first, LightsModel::SeenCount).data().toInt() > 1; }));
         QCOMPARE(countNameless(QAccessible::queryAccessibleInterface(m_window.get())), 0);
         QTest::keyClick(m_window.get(), Qt::Key_F, Qt::ControlModifier);
@@ -155,11 +155,11 @@ private slots:
         auto *payload = find<QLineEdit>(u"Payload"_s);
         type(u"Payload"_s, u"01 2"_s);
         QVERIFY(payload->accessibleDescription().contains(u"\"2\""_s));
-        QTest::keyClick(payload, Qt::Key_Return); // sends nothing
+        QTest::keyClick(payload, Qt::Key_Return); // invalid, so nothing is sent
         QTest::keyClicks(payload, u"0"_s);
         QTest::keyClick(payload, Qt::Key_Return);
         QTest::keyClick(find(u"Payload mode"_s), Qt::Key_Down);
-        type(u"Payload"_s, u"20"_s); // hexadecimal, too, but that is not what is chosen
+        type(u"Payload"_s, u"20"_s); // would be valid hexadecimal, but Text is selected
         click(u"Send"_s);
         QVERIFY(shows(first, received, u"2"_s));
         QCOMPARE(m_lights.payloads(first), QStringList({ u"command 0120"_s, u"command 3230"_s }));
@@ -178,7 +178,7 @@ private slots:
         QCOMPARE(m_lights.payloads(first).count(u"command 3230"_s), 6);
 
         cleanup();
-        init(); // what was sent, and how, is remembered
+        init(); // a new window remembers the history and the mode
         QTest::keyClick(find(u"Payload"_s), Qt::Key_Up);
         QCOMPARE(find<QLineEdit>(u"Payload"_s)->text(), u"20"_s);
         QCOMPARE(find<QComboBox>(u"Payload mode"_s)->currentText(), u"Text"_s);
@@ -192,10 +192,10 @@ private slots:
         click(u"Send"_s);
         QVERIFY(shows(second, received, u"1"_s));
         QTest::keyClicks(find(u"Log of"_s), second);
-        type(u"Filter log"_s, u"2268692"_s); // what was sent, as hexadecimal digits
+        type(u"Filter log"_s, u"2268692"_s); // hexadecimal digits of the payload
         QVERIFY(waitFor([] { return find<QTableView>(u"Log"_s)->model()->rowCount() == 2; }));
         QFile file(m_directory.filePath(u"log.csv"_s));
-        QTimer::singleShot(0, this, [&file] { // in the event loop of the dialog
+        QTimer::singleShot(0, this, [&file] { // runs in the dialog's event loop
             auto *edit = QApplication::activeModalWidget()->findChild<QLineEdit *>();
             edit->setText(file.fileName());
             click(u"Save"_s);
@@ -203,7 +203,7 @@ private slots:
         QTest::keyClick(m_window.get(), Qt::Key_E, Qt::ControlModifier);
         QVERIFY(file.open(QIODevice::ReadOnly));
         const QList<QByteArray> lines = file.readAll().split('\n');
-        QCOMPARE(lines.size(), 4); // the header before, nothing behind
+        QCOMPARE(lines.size(), 4); // the header, two lines, and the empty rest
         QCOMPARE(lines.first(), "\"Time\",\"Light\",\"Direction\",\"Hex\",\"Text\"\r");
         QVERIFY(lines.at(2).endsWith(
                 R"(,"C0:FF:EE:00:00:A2","received","22 68 69 22 2c 20 79 6f 75",)"
@@ -212,19 +212,19 @@ private slots:
 
     void whatIsWrong()
     {
-        m_lights.order(u"adapter"_s, { u"off"_s });
+        m_lights.command(u"adapter"_s, { u"off"_s });
         click(u"Scan"_s);
         QVERIFY(waitFor([] { return find(u"Problem"_s)->isVisible(); }));
         QVERIFY(find(u"Problem"_s)->findChild<QLabel *>()->text().contains(u"switched off"_s));
-        m_lights.order(u"adapter"_s, { u"on"_s });
+        m_lights.command(u"adapter"_s, { u"on"_s });
         click(u"Scan again"_s);
         QVERIFY(waitFor([] { return !find(u"Problem"_s)->isVisible(); }));
-        QTest::keyClick(m_table, Qt::Key_Home); // the first row
+        QTest::keyClick(m_table, Qt::Key_Home); // selects the first row
         QTest::keyClick(m_window.get(), Qt::Key_K, Qt::ControlModifier);
         QVERIFY(shows(first, state, u"ready, kept"_s));
-        m_lights.order(u"drop"_s, { first });
+        m_lights.command(u"drop"_s, { first });
         QVERIFY(shows(first, state, u"reconnecting"_s) && shows(first, state, u"ready"_s));
-        QCOMPARE(m_lights.order(u"connected"_s), QStringList { first });
+        QCOMPARE(m_lights.command(u"connected"_s), QStringList { first });
     }
 
     void lightThatStays()
@@ -261,7 +261,8 @@ private slots:
     }
 };
 
-// What somebody does with the program itself, which has found no lights of its own.
+// Runs inside the child program: clicks "Use virtual lights", then, after the restart, checks that
+// they are found.
 void useProgram()
 {
     const auto use = [] {

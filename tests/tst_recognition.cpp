@@ -6,8 +6,8 @@
 
 using Qt::StringLiterals::operator""_s;
 
-// Bytes in, sighting out. Hidden addresses never come over the bus, so that the advertisements are
-// handed to the manager as the scanner hands them.
+// What the manager makes of an advertisement. BlueZ never hides an address, so the tests call the
+// manager's slot directly.
 class TestRecognition : public QObject
 {
     Q_OBJECT
@@ -96,16 +96,16 @@ void TestRecognition::advertisement()
     QFETCH(QString, name);
     QFETCH(QByteArray, value);
     QFETCH(QVariantList, expected);
-    const auto sightings = receive(from, name,
-                                   value.isEmpty() ? QList<QByteArray>()
-                                                   : QList<QByteArray> { value });
-    QCOMPARE(sightings.size(), expected.isEmpty() ? 0 : 1);
-    QCOMPARE(sightings.value(0), expected);
+    const auto discoveries = receive(from, name,
+                                     value.isEmpty() ? QList<QByteArray>()
+                                                     : QList<QByteArray> { value });
+    QCOMPARE(discoveries.size(), expected.isEmpty() ? 0 : 1);
+    QCOMPARE(discoveries.value(0), expected);
 }
 
 void TestRecognition::severalValues()
 {
-    // The last one that matches decides, in the order that the container gives them in.
+    // The last match decides, in the order of QMultiHash::values(), which is not fixed.
     const QList<QByteArray> values { "3c010000030000", "3c050000a70000", "3c010000040000",
                                      "aabbccddeeff00" };
     QMultiHash<quint16, QByteArray> order;
@@ -117,7 +117,7 @@ void TestRecognition::severalValues()
             expected = values.indexOf(value) == 0 ? 3 : 1001;
     }
     QCOMPARE(receive(address, {}, values).value(0).value(0).toInt(), expected);
-    // The address is that of the first value with room for one.
+    // The address comes from the first value of at least six bytes.
     QCOMPARE(receive(hidden, {}, { "3c0100", "3c0100000300a1b2c3d4e5f6" }).value(0).value(1),
              u"A1:B2:C3:D4:E5:F6"_s);
 }

@@ -32,7 +32,7 @@ private:
     QStringList trace() const;
     QList<QLowEnergyService *> services() const;
     void connectLight();
-    void bindLater();
+    void connectWithLateCharacteristics();
 
     Lights m_lights;
     std::unique_ptr<LogRecorder> m_log;
@@ -51,7 +51,7 @@ void TestSingle::cleanup()
     m_lights.restore();
 }
 
-// The trace from the light's discovery on; what was seen before it depends on the neighbours.
+// The log from the light's discovery on; before that it depends on the order of discovery.
 QStringList TestSingle::trace() const
 {
     QStringList lines = m_log->lines();
@@ -63,7 +63,7 @@ QList<QLowEnergyService *> TestSingle::services() const
     return m_client->findChildren<QLowEnergyService *>();
 }
 
-// Returns when the details of each service are known.
+// Returns when the details of all services are discovered.
 void TestSingle::connectLight()
 {
     if (!m_client)
@@ -77,9 +77,9 @@ void TestSingle::connectLight()
     }));
 }
 
-// As on platforms where a service's characteristics are not known before its details are: the end
-// of the scan for services finds nothing.
-void TestSingle::bindLater()
+// Simulates a platform that lists characteristics only with the details: serviceScanDone() is
+// called before them and finds none.
+void TestSingle::connectWithLateCharacteristics()
 {
     m_client = std::make_unique<MYBLE>();
     QVERIFY(waitFor([this] { return m_client->findChild<QLowEnergyController *>(); }));
@@ -98,7 +98,7 @@ void TestSingle::traceWhereCharacteristicsComeAtOnce()
 {
     connectLight();
     compareTrace(trace(), u"single-at-once.trace"_s);
-    // The scan's end has bound the characteristic, so that the identification byte never goes out.
+    // serviceScanDone() found the characteristic, so the identification byte is never sent.
     m_client->sendMessageOrder("o");
     m_client->sendMessage("m");
     QVERIFY(waitFor([this] { return m_lights.payloads(light).size() == 2; }));
@@ -108,11 +108,11 @@ void TestSingle::traceWhereCharacteristicsComeAtOnce()
 void TestSingle::traceWhereCharacteristicsComeLater()
 {
     m_lights.set(light, u"authenticationFirst"_s, u"true"_s);
-    bindLater();
+    connectWithLateCharacteristics();
     QVERIFY(waitFor([this] { return !m_log->linesWith(u"newvalue is"_s).isEmpty(); }));
     connectLight();
     compareTrace(trace(), u"single-later.trace"_s);
-    // What is bound stays bound, and the byte goes out once.
+    // The characteristic is kept, and the byte is sent once.
     for (QLowEnergyService *service : services())
         emit service->stateChanged(QLowEnergyService::RemoteServiceDiscovered);
     m_client->sendMessage("m");
@@ -131,8 +131,8 @@ void TestSingle::notifications()
     emit services().at(0)->characteristicRead(services().at(0)->characteristics().at(0), "\xAB");
     m_client->handleError(QLowEnergyController::NetworkError);
     compareTrace(m_log->take(), u"single-notifications.trace"_s);
-    // Nobody has subscribed to them.
-    QVERIFY(m_lights.order(u"calls"_s).filter(u"StartNotify"_s).isEmpty());
+    // MYBLE does not subscribe.
+    QVERIFY(m_lights.command(u"calls"_s).filter(u"StartNotify"_s).isEmpty());
 }
 
 void TestSingle::writesBeforeBinding()
@@ -143,7 +143,7 @@ void TestSingle::writesBeforeBinding()
     QVERIFY(waitFor(
             [this] { return !m_log->linesWith(u"KX_SERVICE_UUID，服务打开"_s).isEmpty(); }));
     QVERIFY(m_log->linesWith(u"完成发送"_s).isEmpty());
-    // Bound, while the details are still being discovered: Qt takes the write and forgets it.
+    // The characteristic is known but the details are not: Qt drops the write.
     m_client->sendMessage("3");
     QCOMPARE(m_log->linesWith(u"完成发送"_s).size(), 1);
     connectLight();
