@@ -20,16 +20,17 @@ constexpr char description[] =
         "\n"
         "Commands:\n"
         "  scan                   print each light once: type, address, name\n"
-        "  connect ADDRESS...     connect lights, tell when they are ready, disconnect\n"
-        "  send ADDRESS HEX       send one payload and print what comes back\n"
-        "  listen ADDRESS...      print what the lights send, until interrupted\n"
-        "  single [HEX...]        the single-device client: send payloads, given or typed, to the\n"
-        "                         light \"Corvel light(DM41)\" and print what it notifies\n"
-        "  demo                   show all of it with up to three lights\n"
-        "  shell                  the same commands typed by hand; try help there\n"
+        "  connect ADDRESS...     connect lights, print when they are ready, disconnect\n"
+        "  send ADDRESS HEX       send one payload and print the answer\n"
+        "  listen ADDRESS...      print what the lights send, and reconnect lost lights, until\n"
+        "                         interrupted\n"
+        "  single [HEX...]        use the client for the light \"Corvel light(DM41)\": send "
+        "payloads\n"
+        "                         from the command line or standard input, print notifications\n"
+        "  demo                   demonstrate scan to disconnect with up to three lights\n"
+        "  shell                  read commands from standard input; try help there\n"
         "\n"
-        "Exit status: 0 what was asked happened; 1 it did not; 2 the command line is wrong;\n"
-        "128 + N ended by signal N.";
+        "Exit status: 0 success; 1 failure; 2 wrong command line; 128 + N ended by signal N.";
 
 struct CommandLine
 {
@@ -51,11 +52,11 @@ std::optional<milliseconds> secondsOption(const QCommandLineParser &parser, cons
         return std::nullopt;
     const auto value = fromSeconds(parser.value(name));
     if (!value)
-        *error = QStringLiteral("--%1 takes a number of seconds.").arg(name);
+        *error = QStringLiteral("--%1 takes a number of seconds from 0 to 86400.").arg(name);
     return value;
 }
 
-// Returns what is wrong with the command, or nothing.
+// Returns what is wrong with the command, or an empty text.
 QString check(const QStringList &words)
 {
     if (words.isEmpty())
@@ -64,14 +65,34 @@ QString check(const QStringList &words)
     const auto given = words.size() - 1;
     if (name == QLatin1String("scan") || name == QLatin1String("demo")
         || name == QLatin1String("shell"))
-        return given == 0 ? QString() : QStringLiteral("%1 takes no more words.").arg(name);
+        return given == 0 ? QString() : QStringLiteral("%1 takes no arguments.").arg(name);
     if (name == QLatin1String("connect") || name == QLatin1String("listen"))
         return given > 0 ? QString() : QStringLiteral("%1 needs an address.").arg(name);
     if (name == QLatin1String("single"))
         return {};
     if (name == QLatin1String("send"))
-        return given == 2 ? QString() : QStringLiteral("send takes an address and one payload.");
-    return QStringLiteral("\"%1\" is no command; try --help.").arg(printable(name));
+        return given == 2 ? QString() : QStringLiteral("send takes an address and a payload.");
+    return QStringLiteral("\"%1\" is not a command; try --help.").arg(printable(name));
+}
+
+// Returns a sentence about an option that the command would ignore, or an empty text.
+QString unusedOption(const QCommandLineParser &parser, const QString &command)
+{
+    static const QHash<QString, QString> users {
+        { QStringLiteral("plugin"), QStringLiteral("scan connect send listen demo shell") },
+        { QStringLiteral("timeout"), QStringLiteral("connect send listen single demo shell") },
+        { QStringLiteral("for"), QStringLiteral("scan listen single shell") },
+        { QStringLiteral("count"), QStringLiteral("listen shell") },
+        { QStringLiteral("answer"), QStringLiteral("send shell") },
+        { QStringLiteral("order"), QStringLiteral("single") },
+    };
+    const QStringList options = parser.optionNames();
+    for (const QString &option : options) {
+        const auto user = users.constFind(option);
+        if (user != users.cend() && !user->split(QLatin1Char(' ')).contains(command))
+            return QStringLiteral("--%1 does not work with %2.").arg(option, command);
+    }
+    return {};
 }
 
 CommandLine parse()
@@ -88,13 +109,15 @@ CommandLine parse()
     option("simulate", "Use virtual lights instead of an adapter.");
     option("lights", "Use the virtual lights of the JSON file <file>; implies --simulate.", "file");
     option("plugin", "Load the plugin from <file>.", "file");
-    option("log", "Show the debug log on the standard error output.");
-    option("json", "Print one JSON object a line.");
-    option("timeout", "Wait at most <seconds> for each operation; 30 by default.", "seconds");
-    option("for", "Scan or listen for <seconds>; 20 and without an end by default.", "seconds");
-    option("count", "Listen for <number> messages.", "number");
-    option("answer", "Let send fail where no answer comes.");
-    option("order", "Let single write to the light's order service.");
+    option("log", "Show the plugin's debug log on standard error.");
+    option("json", "Print each event as a JSON object on a line of its own.");
+    option("timeout", "Limit each operation but scan to <seconds>; 30 by default.", "seconds");
+    option("for",
+           "Scan for <seconds>, 20 by default, or listen for <seconds>, by default without end.",
+           "seconds");
+    option("count", "End listen after <number> messages.", "number");
+    option("answer", "Make send fail without an answer.");
+    option("order", "Make single write to the light's order service.");
     parser.addPositionalArgument(QStringLiteral("COMMAND"), QStringLiteral("One of the above."));
 
     CommandLine line;
@@ -122,12 +145,14 @@ CommandLine parse()
         bool isNumber = false;
         line.waits.messages = parser.value(QStringLiteral("count")).toULongLong(&isNumber);
         if (!isNumber || line.waits.messages == 0)
-            line.error = QStringLiteral("--count takes a number of messages.");
+            line.error = QStringLiteral("--count takes a number of messages, 1 or more.");
     }
+    if (line.error.isEmpty())
+        line.error = unusedOption(parser, line.words.first());
     return line;
 }
 
-// The single-device client lives in a program of its own, for this one links nothing of ours.
+// The single-device client is another program, because this one links only the library for hosts.
 QString runSingle(const CommandLine &line)
 {
     QStringList arguments;
@@ -165,7 +190,7 @@ int carryOut(const CommandLine &line, CorvelKX::Host *host, Waiter *waiter, Outp
                                            : commands.connectLights(line.words.mid(1));
 }
 
-// Lets everything that happens be noticed by whoever waits.
+// Makes the waiter check its condition after each event.
 void watch(CorvelKX::Host *host, Waiter *waiter)
 {
     using CorvelKX::Host;

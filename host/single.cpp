@@ -35,8 +35,9 @@ QString sentenceFor(const QBluetoothDeviceDiscoveryAgent &scan)
     switch (scan.error()) {
     case QBluetoothDeviceDiscoveryAgent::InputOutputError:
     case QBluetoothDeviceDiscoveryAgent::InvalidBluetoothAdapterError:
-        return QStringLiteral("No Bluetooth adapter can be used: there is none, the Bluetooth service "
-                              "does not run, or this program is not permitted to use it.");
+        return QStringLiteral(
+                "No Bluetooth adapter can be used: there is none, the Bluetooth service "
+                "does not run, or this program is not permitted to use it.");
     case QBluetoothDeviceDiscoveryAgent::PoweredOffError:
         return QStringLiteral("The Bluetooth adapter is switched off.");
     case QBluetoothDeviceDiscoveryAgent::UnsupportedPlatformError:
@@ -222,7 +223,7 @@ bool readSeconds(const QCommandLineParser &parser, const QString &name, millisec
     return given.has_value();
 }
 
-// Returns what is wrong with the command line, or nothing.
+// Returns what is wrong with the command line, or an empty text.
 QString parse(QCommandLineParser &parser, Options *options)
 {
     parser.setApplicationDescription(QStringLiteral(
@@ -238,11 +239,13 @@ QString parse(QCommandLineParser &parser, Options *options)
               QStringLiteral("Wait at most <seconds> for the light; 30 by default."),
               QStringLiteral("seconds") },
             { QStringLiteral("for"),
-              QStringLiteral("Stay for <seconds> after the last payload; 1 by default."),
+              QStringLiteral(
+                      "Print notifications for <seconds> after the last payload; 1 by default."),
               QStringLiteral("seconds") },
             { QStringLiteral("log"),
-              QStringLiteral("Show the debug log on the standard error output.") },
-            { QStringLiteral("json"), QStringLiteral("Print one JSON object a line.") },
+              QStringLiteral("Show the client's debug log on standard error.") },
+            { QStringLiteral("json"),
+              QStringLiteral("Print each event as a JSON object on a line of its own.") },
     });
     parser.addPositionalArgument(QStringLiteral("HEX"), QStringLiteral("Payloads."),
                                  QStringLiteral("[HEX...]"));
@@ -256,7 +259,7 @@ QString parse(QCommandLineParser &parser, Options *options)
     options->order = parser.isSet(QStringLiteral("order"));
     if (!readSeconds(parser, QStringLiteral("timeout"), &options->timeout)
         || !readSeconds(parser, QStringLiteral("for"), &options->duration))
-        return QStringLiteral("--timeout and --for take a number of seconds.");
+        return QStringLiteral("--timeout and --for take a number of seconds from 0 to 86400.");
     const QStringList words = parser.positionalArguments();
     for (const QString &word : words) {
         const auto payload = bytesFromHex(word);
