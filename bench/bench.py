@@ -127,19 +127,20 @@ class Bench:
         print(f"{datetime.date.today()}, Qt {run('plugin', 'version', 0, 0)['qt']}, {platform.freedesktop_os_release()['PRETTY_NAME']}, "
               f"{platform.machine()}, {os.cpu_count()} cores, {self.rounds} round{'s' * (self.rounds > 1)}\n")
         print(f"| {COLUMNS} |\n|{' --- |' * 7}", flush=True)
-        for workload in workloads(self.short):
-            self.measure(workload)
+        everything = list(workloads(self.short))
+        for step, workload in enumerate(everything, 1):
+            self.measure(workload, f"{step} of {len(everything)}")
         if not self.short:
             self.instructions()
         self.library()
 
-    def measure(self, workload):
+    def measure(self, workload, step):
         results = {row.key: {way: [] for way in WAYS} for row in workload.rows}
         for turn in range(self.rounds if workload.repeated else 1):
             # Each round begins with another way, because the first run may find an idle CPU.
             first = turn % len(workload.ways)
             for way in workload.ways[first:] + workload.ways[:first]:
-                self.progress(f"{workload.name}, {workload.lights} lights, {way}, round {turn + 1} of {self.rounds}")
+                self.progress(f"{step}: {workload.name}, {workload.lights} lights, {way}, round {turn + 1} of {self.rounds}")
                 result = run(way, workload.name, workload.lights, workload.count)
                 for row in workload.rows:
                     results[row.key][way].append(result[row.key])
