@@ -13,6 +13,9 @@
 */
 bool waitFor(const std::function<bool()> &done, int pollInterval = 0);
 
+/*! CORVELKX_SLOWNESS: how many times slower than others an emulated machine is; or 1. */
+int slowness();
+
 /*! The seed in CORVELKX_SEED, or a random one; it is printed, so that a run can be repeated. */
 quint32 randomSeed();
 

@@ -51,7 +51,7 @@ void TestHost::init()
 {
     m_host = std::make_unique<Host>();
     // Whatever takes a limit to notice takes it soon.
-    m_host->setTimes({ scaled(500ms), 4s, scaled(300ms), 20ms, 100ms, 0ms, 300ms, 20ms });
+    m_host->setTimes({ scaled(500ms), scaled(4s), scaled(300ms), 20ms, 100ms, 0ms, 300ms, 20ms });
     QVERIFY(m_host->load(QStringLiteral(PLUGIN_FILE)));
     m_light = m_host->light(address);
     m_states.clear();
