@@ -234,9 +234,10 @@ void TestHost::closing()
         light->setKeepConnected(true);
     QVERIFY(becomes(m_light, Light::State::Ready));
     QVERIFY(becomes(slow, Light::State::Ready));
-    m_lights.set(slow->address(), u"disconnectDelay"_s, u"200"_s);
+    const auto limit = scaled(50ms);
+    m_lights.set(slow->address(), u"disconnectDelay"_s, QString::number(4 * limit.count()));
     QSignalSpy closed(m_host.get(), &Host::closed);
-    m_host->close(50ms);
+    m_host->close(limit);
     Host second;
     second.startScan();
     QCOMPARE(second.error(), Host::Error::PluginError);
