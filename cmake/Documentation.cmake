@@ -1,4 +1,4 @@
-# cmake --build ... --target docs: the interface and the single-device client, from their headers.
+# cmake --build ... --target docs: the API pages, made of the headers and the documents.
 find_package(Doxygen QUIET)
 if(NOT DOXYGEN_FOUND)
     return()
@@ -27,6 +27,7 @@ doxygen_add_docs(docs
     docs/lights.md
     docs/panel.md
     docs/performance.md
+    docs/platforms.md
     docs/plugin.md
     docs/testing.md
     docs/real-stack.md

@@ -69,7 +69,7 @@ foreach(program IN LISTS programs)
         DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions")
 endforeach()
 find_program(HELP2MAN_PROGRAM help2man)
-if(HELP2MAN_PROGRAM AND GZIP_PROGRAM)
+if(HELP2MAN_PROGRAM AND GZIP_PROGRAM AND NOT CMAKE_CROSSCOMPILING) # it runs the programs
     foreach(program IN LISTS programs)
         set(page "${PROJECT_BINARY_DIR}/man/corvelkx-${program}.1")
         add_custom_command(OUTPUT "${page}.gz" DEPENDS corvelkx-${program}

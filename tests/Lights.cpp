@@ -14,7 +14,7 @@ std::chrono::milliseconds scaled(std::chrono::milliseconds time)
     double load = 0;
     getloadavg(&load, 1);
     const double factor = std::max(1.0, load / (2 * QThread::idealThreadCount()));
-    return std::chrono::duration_cast<std::chrono::milliseconds>(time * factor);
+    return std::chrono::duration_cast<std::chrono::milliseconds>(time * factor * slowness());
 }
 
 Lights::Lights()

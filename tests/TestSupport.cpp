@@ -23,7 +23,7 @@ bool waitFor(const std::function<bool()> &done, int pollInterval)
     bool isTimeOver = false;
     QTimer limit;
     QObject::connect(&limit, &QTimer::timeout, &limit, [&isTimeOver] { isTimeOver = true; });
-    limit.start(waitLimit);
+    limit.start(waitLimit * slowness());
     QTimer tick;
     if (pollInterval > 0)
         tick.start(pollInterval);
@@ -33,6 +33,11 @@ bool waitFor(const std::function<bool()> &done, int pollInterval)
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
     }
     return true;
+}
+
+int slowness()
+{
+    return qMax(1, qEnvironmentVariableIntValue("CORVELKX_SLOWNESS"));
 }
 
 quint32 randomSeed()

@@ -13,6 +13,9 @@
 */
 bool waitFor(const std::function<bool()> &done, int pollInterval = 0);
 
+/*! CORVELKX_SLOWNESS: how many times slower than others an emulated machine is; 1 by default. */
+int slowness();
+
 /*! The seed in CORVELKX_SEED, or a random one. Prints it, so that a run can be repeated. */
 quint32 randomSeed();
 

@@ -437,7 +437,9 @@ void TestFaults::makeHost()
     CorvelKX::Host::Times times;
     times.answer = 3s;
     if (!qEnvironmentVariableIsSet("CORVELKX_DEFAULT_TIMES"))
-        times = { scaled(500ms), 4s, scaled(300ms), 20ms, 100ms, scaled(500ms), 100ms, 20ms };
+        times = {
+            scaled(500ms), scaled(4s), scaled(300ms), 20ms, 100ms, scaled(500ms), 100ms, 20ms
+        };
     m_host->setTimes(times);
     QVERIFY(m_host->load(QStringLiteral(PLUGIN_FILE)));
     auto *kept = keptLight();

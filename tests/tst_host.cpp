@@ -50,7 +50,7 @@ void TestHost::init()
 {
     m_host = std::make_unique<Host>();
     // Short limits, so that time-outs come soon.
-    m_host->setTimes({ scaled(500ms), 4s, scaled(300ms), 20ms, 100ms, 0ms, 300ms, 20ms });
+    m_host->setTimes({ scaled(500ms), scaled(4s), scaled(300ms), 20ms, 100ms, 0ms, 300ms, 20ms });
     QVERIFY(m_host->load(QStringLiteral(PLUGIN_FILE)));
     m_light = m_host->light(address);
     m_states.clear();
@@ -233,9 +233,10 @@ void TestHost::closing()
         light->setKeepConnected(true);
     QVERIFY(becomes(m_light, Light::State::Ready));
     QVERIFY(becomes(slow, Light::State::Ready));
-    m_lights.set(slow->address(), u"disconnectDelay"_s, u"200"_s);
+    const auto limit = scaled(50ms);
+    m_lights.set(slow->address(), u"disconnectDelay"_s, QString::number(4 * limit.count()));
     QSignalSpy closed(m_host.get(), &Host::closed);
-    m_host->close(50ms);
+    m_host->close(limit);
     Host second;
     second.startScan();
     QCOMPARE(second.error(), Host::Error::PluginError);
