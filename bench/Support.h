@@ -5,6 +5,8 @@
 #include <QStringList>
 #include <QVariantList>
 
+constexpr int pollInterval = 20; // ms, for conditions whose change sends no event
+
 /*! Sends the virtual lights a command and returns the lines of the answer. */
 QStringList command(const char *name, const QVariantList &arguments = {});
 

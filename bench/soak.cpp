@@ -8,7 +8,7 @@
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QDBusConnection>
-#include <QDBusInterface>
+#include <QDBusMessage>
 #include <QDBusReply>
 #include <QDeadlineTimer>
 #include <QDir>
@@ -32,7 +32,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr int pollInterval = 20; // ms, for conditions whose change sends no event
 constexpr int reportInterval = 1000;
 constexpr int serviceSizeLimit = 12000; // bytes of a kept service object; scripts/bench measures it
 
@@ -67,10 +66,12 @@ struct Footprint
         if (statm.open(QIODevice::ReadOnly))
             f.residentKilobytes = statm.readAll().split(' ').value(1).toLongLong() * 4;
         const QDBusConnection bus = QDBusConnection::systemBus();
-        QDBusInterface stats(u"org.freedesktop.DBus"_s, u"/org/freedesktop/DBus"_s,
-                             u"org.freedesktop.DBus.Debug.Stats"_s, bus);
-        const QDBusReply<QVariantMap> reply = stats.call(u"GetConnectionStats"_s,
-                                                         bus.baseService());
+        QDBusMessage call = QDBusMessage::createMethodCall(u"org.freedesktop.DBus"_s,
+                                                           u"/org/freedesktop/DBus"_s,
+                                                           u"org.freedesktop.DBus.Debug.Stats"_s,
+                                                           u"GetConnectionStats"_s);
+        call << bus.baseService();
+        const QDBusReply<QVariantMap> reply = bus.call(call);
         f.matches = reply.value().value(u"MatchRules"_s).toUInt();
         return f;
     }

@@ -31,7 +31,6 @@ using Microseconds = std::chrono::duration<double, std::micro>;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
 constexpr int payloadSize = 20;
-constexpr int pollInterval = 5; // ms, for conditions whose change sends no event
 
 double cpuTime()
 {

@@ -13,7 +13,7 @@ using std::chrono::milliseconds;
 namespace {
 
 constexpr milliseconds closeLimit(5000);
-constexpr milliseconds scanTime(20000);
+constexpr milliseconds defaultScanTime(20000);
 
 constexpr char description[] =
         "Finds, connects and talks with CorvelKX lights through the plugin.\n"
@@ -180,7 +180,7 @@ int carryOut(const CommandLine &line, CorvelKX::Host *host, Waiter *waiter, Outp
 
     Commands commands(host, waiter, output, line.waits);
     if (name == QLatin1String("scan"))
-        return commands.scan(line.waits.duration.value_or(scanTime));
+        return commands.scan(line.waits.duration.value_or(defaultScanTime));
     printEvents(host, output);
     if (name == QLatin1String("shell"))
         return runShell(host, waiter, output, interrupt, line.waits);
