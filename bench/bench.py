@@ -77,8 +77,8 @@ def workloads(short):
         Row("service objects of it", "services", compare=""),
         Row("one service object", "serviceBytes", "bytes", compare="")], ("plugin",), False)
     yield Workload("load", 0, 0, [
-        Row("library: loading", "load", "ms", compare=""),
-        Row("library: making the object", "instance", "ms", compare="")], ("plugin",))
+        Row("plugin file: loading", "load", "ms", compare=""),
+        Row("plugin: making the object", "instance", "ms", compare="")], ("plugin",))
 
 
 def output_of(*words):
@@ -166,9 +166,9 @@ class Bench:
         plugin = next((BUILD / "lib").rglob("libCorvelKXBleDLL.so"))
         symbols = output_of("nm", "-D", "--defined-only", plugin).count("\n")
         relocations = output_of("readelf", "-rW", plugin).count("R_")
-        for row, value in ((Row("library: size", "", "bytes"), plugin.stat().st_size),
-                           (Row("library: exported symbols", ""), symbols),
-                           (Row("library: relocations", ""), relocations)):
+        for row, value in ((Row("plugin file: size, not stripped", "", "bytes"), plugin.stat().st_size),
+                           (Row("plugin file: exported symbols", ""), symbols),
+                           (Row("plugin file: relocations", ""), relocations)):
             self.print(row, {"plugin": [value]})
 
     def progress(self, what):

@@ -227,9 +227,9 @@ bool readSeconds(const QCommandLineParser &parser, const QString &name, millisec
 QString parse(QCommandLineParser &parser, Options *options)
 {
     parser.setApplicationDescription(QStringLiteral(
-            "Finds the light \"Corvel light(DM41)\", sends it payloads and prints what it "
-            "notifies.\nWithout a payload, payloads are read from the standard input, one a "
-            "line."));
+            "Finds the light \"Corvel light(DM41)\" and sends it payloads. It does not subscribe "
+            "to notifications.\nWithout a payload, payloads are read from the standard input, one "
+            "a line."));
     parser.addOption(
             { { QStringLiteral("h"), QStringLiteral("help") }, QStringLiteral("Show this help.") });
     parser.addVersionOption();
@@ -239,8 +239,7 @@ QString parse(QCommandLineParser &parser, Options *options)
               QStringLiteral("Wait at most <seconds> for the light; 30 by default."),
               QStringLiteral("seconds") },
             { QStringLiteral("for"),
-              QStringLiteral(
-                      "Print notifications for <seconds> after the last payload; 1 by default."),
+              QStringLiteral("Stay connected for <seconds> after the last payload; 1 by default."),
               QStringLiteral("seconds") },
             { QStringLiteral("log"),
               QStringLiteral("Show the client's debug log on standard error.") },

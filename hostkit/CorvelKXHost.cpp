@@ -73,6 +73,10 @@ bool Host::load(const QString &fileName)
 {
     if (m_plugin)
         return true;
+    if (m_isClosed) {
+        setError(Error::PluginError, tr("This CorvelKX::Host was closed; create another one."));
+        return false;
+    }
     if (theUser) {
         setError(Error::PluginError, tr("Another CorvelKX::Host uses the plugin already."));
         return false;
@@ -322,7 +326,9 @@ void Host::onConnected(const QString &address)
     if (light->m_wish == Wish::None) { // the attempt was given up in the meantime
         disconnectLight(light, light->m_reason);
     } else {
-        light->m_failures = light->m_timeouts = 0;
+        // A light that was connected but did not answer has to answer first.
+        if (light->m_reason != Reason::NoAnswer)
+            light->m_failures = light->m_timeouts = 0;
         light->m_giveUp = QDeadlineTimer::Forever;
         enter(light, Phase::Ready, QDeadlineTimer::Forever, Reason::None);
     }
@@ -356,8 +362,10 @@ void Host::onMessage(const QString &address, const QByteArray &data)
     if (!light)
         return;
     ++light->m_receivedCount;
-    if (light->m_phase == Phase::Ready)
+    if (light->m_phase == Phase::Ready) {
         light->m_deadline = QDeadlineTimer::Forever;
+        light->m_failures = 0;
+    }
     emit light->messageReceived(data);
 }
 

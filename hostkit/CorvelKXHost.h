@@ -58,12 +58,13 @@ public:
         std::chrono::milliseconds longestAttempt { 30000 }; //!< the maximum of attempt
         //! The limit of a disconnection.
         std::chrono::milliseconds disconnection { 2500 };
-        //! From one attempt to the next. Doubles with each consecutive failure, up to longestPause.
+        //! From the start of one attempt to the next. Doubles with each consecutive failure, a
+        //! missing answer included, up to longestPause.
         std::chrono::milliseconds pause { 500 };
         std::chrono::milliseconds longestPause { 8000 }; //!< the maximum of pause
         //! The limit for the answer to a payload; 0 if the lights need not answer.
         std::chrono::milliseconds answer { 0 };
-        //! For how long a running attempt delays scans and further attempts.
+        //! While an attempt is running, neither a scan nor another attempt begins for this time.
         std::chrono::milliseconds settling { 3000 };
         //! For how long a scan continues after it found a light to connect, to find others too.
         std::chrono::milliseconds gathering { 500 };
@@ -114,7 +115,7 @@ public:
     /*!
         Stops the scan, disconnects all lights, waits for at most \a limit, and emits closed(). If
         bluetoothd answered, the plugin object is deleted then, otherwise at the end of the
-        application. Afterwards this object cannot be used again.
+        application. Afterwards this object cannot be used again, and load() fails.
     */
     void close(std::chrono::milliseconds limit = std::chrono::seconds(5));
 
@@ -135,7 +136,10 @@ signals:
     void lightStateChanged(CorvelKX::Light *light);
     /*! \a light emitted Light::messageReceived() with \a data. */
     void messageReceived(CorvelKX::Light *light, const QByteArray &data);
-    /*! close() is done; the lights \a stillConnected did not disconnect in time. */
+    /*!
+        close() is done. The disconnection of the lights \a stillConnected was not confirmed in
+        time; among them may be lights that were being connected and have no link.
+    */
     void closed(const QStringList &stillConnected);
 
 private slots:

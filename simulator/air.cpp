@@ -174,8 +174,10 @@ void Air::add(const QString &address)
     controller->signal = char(-50 - 5 * int(m_controllers.size()));
     controller->advertising.callOnTimeout(this, [this, c = controller.get()] { advertise(c); });
     controller->file = open("/dev/vhci", O_RDWR | O_CLOEXEC);
-    if (controller->file < 0)
-        qFatal("/dev/vhci cannot be opened.");
+    if (controller->file < 0) {
+        std::fputs("corvelkx-air: /dev/vhci cannot be opened; is hci_vhci loaded?\n", stderr);
+        std::exit(EXIT_FAILURE);
+    }
     controller->send(VendorPacket, QByteArray(1, '\0'));
     auto *notifier = new QSocketNotifier(controller->file, QSocketNotifier::Read, this);
     connect(notifier, &QSocketNotifier::activated, this, [this, c = controller.get()] { read(c); });
