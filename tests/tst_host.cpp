@@ -49,8 +49,7 @@ private:
 void TestHost::init()
 {
     m_host = std::make_unique<Host>();
-    // Short limits, so that time-outs come soon.
-    m_host->setTimes({ scaled(500ms), scaled(4s), scaled(300ms), 20ms, 100ms, 0ms, 300ms, 20ms });
+    m_host->setTimes({ 30s, 30s, 1s, 20ms, 100ms, 0ms, 300ms, 20ms });
     QVERIFY(m_host->load(QStringLiteral(PLUGIN_FILE)));
     m_light = m_host->light(address);
     m_states.clear();
@@ -150,20 +149,22 @@ void TestHost::whatIsWrong()
 void TestHost::fewAtATime()
 {
     // The lights never answer, so each attempt delays the others until Times::settling is over.
+    auto times = m_host->times();
+    times.attempt = scaled(500ms);
+    times.settling = scaled(600ms);
+    m_host->setTimes(times);
     const QStringList addresses = m_lights.command(u"lights"_s).mid(0, 9);
-    for (const QString &each : addresses) {
+    m_lights.command(u"reset"_s); // sets the call counts to 0
+    for (const QString &each : addresses)
         m_lights.set(each, u"connect"_s, u"hang"_s);
+    for (const QString &each : addresses)
         m_host->light(each)->setKeepConnected(true);
-    }
     const auto connecting = [&] {
         int count = 0;
         for (Light *light : m_host->lights())
             count += light->state() == Light::State::Connecting;
         return count;
     };
-    m_lights.command(u"reset"_s); // sets the call counts to 0
-    for (const QString &each : addresses)
-        m_lights.set(each, u"connect"_s, u"hang"_s);
     QVERIFY(waitFor([&] { return callsOf(u".Connect"_s) == 3; }, 5));
     QVERIFY(connecting() >= 3);
     QVERIFY(!isScanning());
@@ -233,8 +234,8 @@ void TestHost::closing()
         light->setKeepConnected(true);
     QVERIFY(becomes(m_light, Light::State::Ready));
     QVERIFY(becomes(slow, Light::State::Ready));
-    const auto limit = scaled(50ms);
-    m_lights.set(slow->address(), u"disconnectDelay"_s, QString::number(4 * limit.count()));
+    const auto limit = scaled(300ms);
+    m_lights.set(slow->address(), u"disconnectDelay"_s, QString::number(3 * limit.count()));
     QSignalSpy closed(m_host.get(), &Host::closed);
     m_host->close(limit);
     Host second;
