@@ -149,7 +149,8 @@ void TestHost::whatIsWrong()
 void TestHost::fewAtATime()
 {
     // The lights never answer, so each attempt delays the others until Times::settling is over.
-    auto times = m_host->times();
+    const auto usual = m_host->times();
+    auto times = usual;
     times.attempt = scaled(500ms);
     times.settling = scaled(600ms);
     m_host->setTimes(times);
@@ -170,6 +171,7 @@ void TestHost::fewAtATime()
     QVERIFY(!isScanning());
     // The other lights are tried in spite of the hanging attempts.
     QVERIFY(waitFor([&] { return callsOf(u".Connect"_s) >= 9; }, 5));
+    m_host->setTimes(usual);
     for (const QString &each : addresses)
         m_lights.set(each, u"connect"_s, u"accept"_s);
     for (Light *light : m_host->lights())
