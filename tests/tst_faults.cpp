@@ -192,7 +192,7 @@ void TestFaults::faultAtStep_data()
     // To run in parallel: "1/3" takes every third row, from the second one on.
     const QString shard = qEnvironmentVariable("CORVELKX_SHARD", u"0/1"_s);
     const int shards = shard.section(u'/', 1).toInt();
-    const int rows = int(all.size() * std::size(steps));
+    const int rows = int(all.size()) * int(std::size(steps));
     for (int row = shard.section(u'/', 0, 0).toInt(); row < rows; row += shards) {
         const int fault = row / int(std::size(steps));
         const int step = row % int(std::size(steps));
