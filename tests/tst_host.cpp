@@ -49,7 +49,7 @@ private:
 void TestHost::init()
 {
     m_host = std::make_unique<Host>();
-    m_host->setTimes({ 30s, 30s, 1s, 20ms, 100ms, 0ms, 300ms, 20ms });
+    m_host->setTimes({ 30s, 30s, scaled(1s), 20ms, 100ms, 0ms, 300ms, 20ms });
     QVERIFY(m_host->load(QStringLiteral(PLUGIN_FILE)));
     m_light = m_host->light(address);
     m_states.clear();
@@ -236,7 +236,7 @@ void TestHost::closing()
         light->setKeepConnected(true);
     QVERIFY(becomes(m_light, Light::State::Ready));
     QVERIFY(becomes(slow, Light::State::Ready));
-    const auto limit = scaled(300ms);
+    const auto limit = m_host->times().disconnection / 3;
     m_lights.set(slow->address(), u"disconnectDelay"_s, QString::number(3 * limit.count()));
     QSignalSpy closed(m_host.get(), &Host::closed);
     m_host->close(limit);
