@@ -145,13 +145,13 @@ back() {
 # --- Running the scenarios.
 
 # The signals for each light, in order. Repeated discoveries are left out, because their number varies; repeated
-# payloads are counted.
+# payloads and disconnections are counted.
 summary() {
     awk '
         function flush(light) {
             if (last[light] != "")
                 text[light] = text[light] (text[light] == "" ? "" : ", ") last[light] \
-                    (last[light] == "says" && count[light] > 1 ? " ×" count[light] : "")
+                    (last[light] ~ /^(says|gone)$/ && count[light] > 1 ? " ×" count[light] : "")
         }
         $1 == "new" { for (light in last) { flush(light); last[light] = "" } next }
         { light = substr($1, 16); what = $2 }
