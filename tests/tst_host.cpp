@@ -26,6 +26,7 @@ private slots:
     void cleanup();
     void connectOnce();
     void whatIsWrong();
+    void neverAnswers();
     void fewAtATime();
     void scanGivesWay();
     void connectAgainWhileDisconnecting();
@@ -144,6 +145,26 @@ void TestHost::whatIsWrong()
     m_light->connectToDevice();
     QVERIFY(becomes(m_light, Light::State::Ready));
     QCOMPARE(m_host->error(), Host::Error::NoError);
+}
+
+void TestHost::neverAnswers()
+{
+    auto times = m_host->times();
+    times.pause = 100ms;
+    times.longestPause = 10s;
+    times.answer = 20ms;
+    m_host->setTimes(times);
+    m_lights.set(address, u"echo"_s, u"false"_s);
+    connect(m_light, &Light::stateChanged, this, [this] { m_light->send("hello"); });
+    m_light->setKeepConnected(true);
+    const auto attempts = [this] { return m_states.count(Light::State::Connecting); };
+    QVERIFY(waitFor([&] { return attempts() >= 1; }));
+    QElapsedTimer sinceFirst;
+    sinceFirst.start();
+    QVERIFY(waitFor([&] { return attempts() >= 5; }));
+    QVERIFY(sinceFirst.elapsed() > 10 * times.pause.count()); // 1 + 2 + 4 + 8, with a margin
+    m_lights.set(address, u"echo"_s, u"true"_s);
+    QVERIFY(waitFor([this] { return m_light->receivedCount() > 0; }));
 }
 
 void TestHost::fewAtATime()
